@@ -1,0 +1,2 @@
+// Placeholder until the main loop lands.
+int main() { return 0; }
