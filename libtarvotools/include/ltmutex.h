@@ -1,0 +1,33 @@
+//===- ltmutex.h - A plain pthread mutex as an object ---------------------===//
+//
+// ltMutex owns one default pthread mutex. ltGuard locks it as a pthread mutex; lock() and
+// unlock() are there for callers that do not use a guard. Any thread.
+//
+//===----------------------------------------------------------------------===//
+#ifndef LTMUTEX_H
+#define LTMUTEX_H
+
+#include <pthread.h>
+
+#include "ltexport.h"
+
+class LT_EXPORT ltMutex {
+public:
+    ltMutex();
+    ~ltMutex();
+
+    ltMutex(const ltMutex&) = delete;
+    ltMutex& operator=(const ltMutex&) = delete;
+
+    // 0 or the pthread error code, negated.
+    int lock();
+    int unlock();
+
+    // The pthread mutex inside; what ltGuard locks.
+    pthread_mutex_t* native() { return &mutex_; }
+
+private:
+    pthread_mutex_t mutex_;
+};
+
+#endif // LTMUTEX_H

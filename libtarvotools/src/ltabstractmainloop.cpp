@@ -1,0 +1,225 @@
+//===- ltabstractmainloop.cpp - Tables, timers and dirty flags of a loop --===//
+#include "ltabstractmainloop.h"
+
+#include <cstring>
+
+#include "ltclock.h"
+
+namespace {
+
+// Table geometry: initial and largest sizes as powers of two.
+constexpr int kMemberBits = 3, kMemberMaxBits = 12;  // 8 .. 4096
+constexpr int kTimerBits = 6, kTimerMaxBits = 14;    // 64 .. 16384
+constexpr int kIOBits = 2, kIOMaxBits = 12;          // 4 .. 4096
+constexpr int32_t kFreeFd = -1;
+
+// Holds one pthread mutex for a scope; the loop's own mutexes are never misused, so the
+// reporting of ltGuard is not needed here.
+class MutexLock {
+public:
+    explicit MutexLock(pthread_mutex_t& m) : m_(m) { (void)pthread_mutex_lock(&m_); }
+    ~MutexLock() { (void)pthread_mutex_unlock(&m_); }
+    MutexLock(const MutexLock&) = delete;
+    MutexLock& operator=(const MutexLock&) = delete;
+
+private:
+    pthread_mutex_t& m_;
+};
+
+template <typename Entry>
+Entry* entryAt(const ltIdTable& table, int idOrIndex)
+{
+    return static_cast<Entry*>(table.slotFor(idOrIndex));
+}
+
+}  // namespace
+
+ltTime ltAbstractMainLoop::CachedTime::load() const
+{
+    const uint64_t bits = bits_.load(std::memory_order_relaxed);
+    ltTime t;
+    std::memcpy(&t, &bits, sizeof t);
+    return t;
+}
+
+void ltAbstractMainLoop::CachedTime::store(const ltTime& t)
+{
+    uint64_t bits;
+    std::memcpy(&bits, &t, sizeof bits);
+    bits_.store(bits, std::memory_order_relaxed);
+}
+
+ltAbstractMainLoop::ltAbstractMainLoop()
+    : members_(sizeof(MemberEntry), kMemberBits, kMemberMaxBits, /*freeIsZero=*/true),
+      timers_(sizeof(TimerEntry), kTimerBits, kTimerMaxBits, /*freeIsZero=*/true),
+      ioHandles_(sizeof(IOEntry), kIOBits, kIOMaxBits, /*freeIsZero=*/false),
+      flags_(kInitialFlags),
+      now_(ltTime(0, 0)),
+      nextWakeup_(kLtTimeNever, 0)
+{
+    // Default attributes: pthread_mutex_init cannot fail on Linux, so there is nothing to
+    // undo. A table whose allocation failed hands out no ids.
+    (void)pthread_mutex_init(&membersMutex_, nullptr);
+    (void)pthread_mutex_init(&timerMutex_, nullptr);
+    (void)pthread_mutex_init(&ioMutex_, nullptr);
+}
+
+ltAbstractMainLoop::~ltAbstractMainLoop()
+{
+    (void)pthread_mutex_destroy(&ioMutex_);
+    (void)pthread_mutex_destroy(&timerMutex_);
+    (void)pthread_mutex_destroy(&membersMutex_);
+}
+
+ltTime ltAbstractMainLoop::refreshNow()
+{
+    const ltTime now = lt_internal::monotonicNow();
+    now_.store(now);
+    clearFlags(kNowStale);
+    return now;
+}
+
+int ltAbstractMainLoop::registerMainLoopMember(const ltMainLoopMember& member)
+{
+    MemberEntry entry = {reinterpret_cast<uintptr_t>(&member) | kMemberLive, 0, 0};
+    MutexLock lock(membersMutex_);
+    const int id = members_.putMember(&entry);
+    if (id != 0) {
+        entryAt<MemberEntry>(members_, id)->id = id;
+        setFlags(kMembersChanged);
+    }
+    return id;
+}
+
+int ltAbstractMainLoop::unregisterMainLoopMember(int id, const ltMainLoopMember& /*member*/)
+{
+    if (id == 0)
+        return -1;
+    MutexLock lock(membersMutex_);
+    // The flag is set only when the removal fails: kept as it always was, nothing reads it.
+    if (members_.removeMember(id) != 0)
+        setFlags(kMembersChanged);
+    return 0;
+}
+
+void ltAbstractMainLoop::removeIOHandle(int id)
+{
+    if (id == 0)
+        return;
+    MutexLock lock(ioMutex_);
+    if (ioHandles_.removeMember(id) == 0)
+        setFlags(kHandlesChanged);
+}
+
+void ltAbstractMainLoop::removeTimer(int id)
+{
+    if (id == 0)
+        return;
+    MutexLock lock(timerMutex_);
+    if (timers_.removeMember(id) == 0)
+        setFlags(kTimersChanged | kWakeupStale);
+}
+
+int ltAbstractMainLoop::doAddTimer(timerFlags_t flags, const ltTime& first, const ltTime& period,
+                                   ltTimerCallback callback, void* userData)
+{
+    const bool absolute = (flags & timerAbsolute) != 0;
+    const bool periodic = (flags & timerPeriodic) != 0;
+    ltTime expiry;
+    if (absolute) {
+        if (first.isNoTime() || (periodic && period.isNoTime()))
+            return 0;
+        ltTime rel = first;
+        rel -= lt_internal::wallClockNow();
+        // The cached now is not touched here.
+        expiry = ltTimeAdd(lt_internal::monotonicNow(), rel);
+    } else {
+        if (!periodic || period.isNoTime())
+            return 0;  // there is no relative one-shot timer: such callers pass an absolute time
+        expiry = ltTimeAdd(refreshNow(), period);
+    }
+
+    TimerEntry entry = {expiry, periodic || !absolute ? period : ltTime::noTime, userData, callback, 0};
+    int id;
+    {
+        MutexLock lock(timerMutex_);
+        id = timers_.putMember(&entry);
+        if (id != 0) {
+            entryAt<TimerEntry>(timers_, id)->id = id;
+            setFlags(kTimersChanged | kWakeupStale);
+        }
+    }
+    wakeupEventLoop();  // even on failure: harmless, and the caller sees no difference
+    return id;
+}
+
+int ltAbstractMainLoop::doAddIOHandle(handleType_t type, handleFlags_t /*flags*/, int fd,
+                                      ltIOHandleCallback callback, void* userData)
+{
+    IOEntry entry = {fd, userData, callback, 0, /*stamp=*/0, static_cast<uint8_t>(type)};
+    int id;
+    {
+        MutexLock lock(ioMutex_);
+        id = ioHandles_.putMember(&entry);
+        if (id != 0) {
+            entryAt<IOEntry>(ioHandles_, id)->id = id;
+            setFlags(kHandlesChanged);
+        }
+    }
+    wakeupEventLoop();
+    return id;
+}
+
+ltTime ltAbstractMainLoop::getNextWakeupTime()
+{
+    if (!hasFlags(kWakeupStale))
+        return nextWakeup_;
+    ltTime next(kLtTimeNever, 0);
+    MutexLock lock(timerMutex_);
+    for (int i = 0; i < timers_.capacity; ++i) {
+        const TimerEntry* e = entryAt<TimerEntry>(timers_, i);
+        if (e->expiry.sec == 0)
+            continue;  // free slot
+        if (ltTimeBefore(e->expiry, next))
+            next = e->expiry;
+    }
+    nextWakeup_ = next;
+    clearFlags(kWakeupStale);
+    return next;
+}
+
+void ltAbstractMainLoop::processTimeouts()
+{
+    int capacity;
+    {
+        MutexLock lock(timerMutex_);
+        if (timers_.count == 0 || timers_.capacity == 0)
+            return;
+        capacity = timers_.capacity;
+    }
+    const ltTime now = now_.load();
+    for (int i = 0; i < capacity; ++i) {
+        TimerEntry fired;
+        {
+            // Taken afresh for each slot: the previous callback may have changed the table.
+            MutexLock lock(timerMutex_);
+            TimerEntry* e = entryAt<TimerEntry>(timers_, i);
+            if (e->expiry.sec == 0 || !ltTimeNotAfter(e->expiry, now))
+                continue;
+            fired = *e;
+            if (fired.period.isNoTime()) {
+                (void)timers_.removeMember(fired.id);  // the slot is in use: cannot fail
+                setFlags(kTimersChanged | kWakeupStale);
+            } else {
+                // Re-armed from now, not from the old expiry: a late timer shifts its
+                // schedule instead of catching up. Kept: callers rely on it.
+                e->expiry = ltTimeAdd(now, fired.period);
+                setFlags(kWakeupStale);
+            }
+        }
+        if (fired.callback != nullptr)
+            (void)fired.callback(fired.id, fired.expiry, fired.userData);  // result ignored
+        else
+            (void)static_cast<ltTimerReceiver*>(fired.userData)->timerExpired(fired.id, fired.expiry);
+    }
+}

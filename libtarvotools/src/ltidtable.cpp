@@ -1,0 +1,107 @@
+//===- ltidtable.cpp - Id table: round-robin probing, doubling growth -----===//
+#include "ltidtable.h"
+
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr int kNumEntryMasks = 5;
+constexpr uint32_t kWholeWord = 0xFFFFFFFFu;
+
+// Removal results.
+constexpr int kRemoveEmpty = -1;
+constexpr int kRemoveIndexZero = -2;
+constexpr int kRemoveAlreadyFree = -3;
+
+}  // namespace
+
+const uint32_t ltIdTable::entryMaskes_[5] = {0xFF, 0xFF, 0xFFFF, 0xFFFFFF, 0xFFFFFFFF};
+
+ltIdTable::ltIdTable(int entrySize_, int initialBits_, int maxBits_, bool freeIsZero_)
+    : initialBits(static_cast<uint8_t>(initialBits_)),
+      maxBits(static_cast<uint8_t>(maxBits_)),
+      currentBits(static_cast<uint8_t>(initialBits_)),
+      freeIsZero(freeIsZero_),
+      count(0),
+      capacity(static_cast<uint16_t>(1u << initialBits_)),
+      keyMask(entrySize_ >= 0 && entrySize_ < kNumEntryMasks ? entryMaskes_[entrySize_] : kWholeWord),
+      entrySize(entrySize_),
+      cursor(0),
+      slots(nullptr)
+{
+    const size_t bytes = static_cast<size_t>(capacity) * static_cast<size_t>(entrySize);
+    slots = static_cast<uint8_t*>(std::malloc(bytes));
+    if (slots != nullptr)
+        std::memset(slots, static_cast<int>(freePattern() & 0xFF), bytes);
+}
+
+ltIdTable::~ltIdTable()
+{
+    std::free(slots);
+}
+
+uint32_t ltIdTable::keyOf(const void* record) const
+{
+    // A record shorter than a word contributes only its own bytes; the mask hides the rest.
+    uint32_t word = 0;
+    std::memcpy(&word, record, entrySize < 4 ? static_cast<size_t>(entrySize) : sizeof word);
+    return word & keyMask;
+}
+
+bool ltIdTable::isFree(const void* p) const
+{
+    return keyOf(p) == freePattern();
+}
+
+int ltIdTable::putMember(void* record)
+{
+    if (record == nullptr || slots == nullptr || keyOf(record) == freePattern())
+        return 0;  // a free-looking record could not be told from an empty slot
+
+    if (count == capacity - 1) {
+        if (capacity == (1u << maxBits))
+            return 0;
+        const size_t half = static_cast<size_t>(capacity) * static_cast<size_t>(entrySize);
+        auto* grown = static_cast<uint8_t*>(std::realloc(slots, half * 2));
+        if (grown == nullptr)
+            return 0;
+        std::memset(grown + half, static_cast<int>(freePattern() & 0xFF), half);
+        slots = grown;
+        capacity = static_cast<uint16_t>(capacity * 2);
+        currentBits += 1;
+    }
+
+    // Round-robin from the last slot handed out: recently freed slots are reused last.
+    uint32_t index;
+    do {
+        cursor += 1;
+        index = static_cast<uint32_t>(cursor) & (capacity - 1u);
+    } while (index == 0 || !isFree(slots + index * static_cast<uint32_t>(entrySize)));
+
+    std::memcpy(slots + index * static_cast<uint32_t>(entrySize), record, static_cast<size_t>(entrySize));
+    count += 1;
+    const uint32_t c = static_cast<uint32_t>(cursor);
+    return static_cast<int>((c & ((1u << currentBits) - 1u)) | ((c >> currentBits) << maxBits));
+}
+
+int ltIdTable::removeMember(int id)
+{
+    if (count == 0)
+        return kRemoveEmpty;
+    const uint32_t index = static_cast<uint32_t>(id) & (capacity - 1u);
+    if (index == 0)
+        return kRemoveIndexZero;
+    uint8_t* slot = slots + index * static_cast<uint32_t>(entrySize);
+    if (isFree(slot))
+        return kRemoveAlreadyFree;
+
+    // Only the key bits become free; the rest of the record stays as it was.
+    uint32_t word = 0;
+    const size_t n = entrySize < 4 ? static_cast<size_t>(entrySize) : sizeof word;
+    std::memcpy(&word, slot, n);
+    word = (word & ~keyMask) | freePattern();
+    std::memcpy(slot, &word, n);
+    count -= 1;
+    return 0;
+}

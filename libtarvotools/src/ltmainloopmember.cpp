@@ -1,0 +1,4 @@
+//===- ltmainloopmember.cpp - ltMainLoopMember ----------------------------===//
+#include "ltmainloopmember.h"
+
+ltMainLoopMember::~ltMainLoopMember() = default;

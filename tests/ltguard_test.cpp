@@ -1,0 +1,128 @@
+// The guard: messages and codes for misuse, and the mutex released exactly once.
+#include "ltguard.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <string>
+
+namespace {
+
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+
+// True when m can be locked right now (then it is released again).
+bool isFree(pthread_mutex_t* m)
+{
+    if (pthread_mutex_trylock(m) != 0)
+        return false;
+    pthread_mutex_unlock(m);
+    return true;
+}
+
+TEST(GuardMisuse, NullMutexIsReportedOnceAndEveryOperationFails)
+{
+    CaptureStderr();
+    {
+        ltGuard g(static_cast<pthread_mutex_t*>(nullptr));
+        EXPECT_EQ(-EINVAL, g.lock());
+        EXPECT_EQ(-EINVAL, g.unlock());
+    }
+    EXPECT_EQ("ltGuard(): invalid mutex handle\n"
+              "lock(): invalid mutex handle\n"
+              "unlock(): invalid mutex handle\n",
+              GetCapturedStderr());  // the destructor prints nothing
+
+    CaptureStderr();
+    { ltGuard g(static_cast<ltMutex*>(nullptr)); }
+    EXPECT_EQ("ltGuard(): invalid mutex handle\n", GetCapturedStderr());
+
+    CaptureStderr();
+    { ltGuard g(static_cast<ltConditionMutex*>(nullptr)); }  // reported by lock(), not the constructor
+    EXPECT_EQ("lock(): invalid mutex handle\n", GetCapturedStderr());
+}
+
+TEST(GuardMisuse, DoubleLockAndDoubleUnlockAreRefused)
+{
+    pthread_mutex_t m = PTHREAD_MUTEX_INITIALIZER;
+    CaptureStderr();
+    {
+        ltGuard g(&m);
+        EXPECT_EQ(-EINVAL, g.lock());  // held once, not twice
+        EXPECT_FALSE(isFree(&m));
+        EXPECT_EQ(0, g.unlock());
+        EXPECT_EQ(-EINVAL, g.unlock());
+        EXPECT_TRUE(isFree(&m));
+    }
+    EXPECT_EQ("lock(): lock of locked mutex\nunlock(): unlock of unlocked mutex\n", GetCapturedStderr());
+    EXPECT_TRUE(isFree(&m));
+}
+
+TEST(GuardScope, ReleasesExactlyOnceWhateverHappenedInside)
+{
+    pthread_mutex_t m;
+    pthread_mutexattr_t attr;
+    pthread_mutexattr_init(&attr);
+    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ERRORCHECK);  // a second unlock would fail
+    pthread_mutex_init(&m, &attr);
+    {
+        ltGuard g(&m);
+        EXPECT_FALSE(isFree(&m));
+        EXPECT_EQ(0, g.unlock());
+        EXPECT_TRUE(isFree(&m));
+        EXPECT_EQ(0, g.lock());
+    }
+    EXPECT_EQ(0, pthread_mutex_lock(&m));  // released by the destructor
+    EXPECT_EQ(0, pthread_mutex_unlock(&m));
+    { ltGuard g(&m); g.unlock(); }  // destructor of an unlocked guard leaves the mutex alone
+    EXPECT_TRUE(isFree(&m));
+    pthread_mutex_destroy(&m);
+}
+
+TEST(GuardKinds, LocksTheMutexInsideEachKind)
+{
+    ltMutex mutex;
+    {
+        ltGuard g(mutex);
+        EXPECT_FALSE(isFree(mutex.native()));
+    }
+    EXPECT_TRUE(isFree(mutex.native()));
+
+    pthread_mutex_t outside = PTHREAD_MUTEX_INITIALIZER;
+    ltConditionMutex withOutside(&outside);
+    ltConditionMutex own;
+    {
+        ltGuard a(withOutside);
+        ltGuard b(&own);
+        EXPECT_FALSE(isFree(&outside));  // the outside mutex wins when set
+        EXPECT_FALSE(isFree(own.mutex()));
+    }
+    EXPECT_TRUE(isFree(&outside));
+    EXPECT_TRUE(isFree(own.mutex()));
+}
+
+TEST(GuardFailure, FailedLockIsReportedWithTheNegatedError)
+{
+    pthread_mutex_t m;
+    pthread_mutexattr_t attr;
+    pthread_mutexattr_init(&attr);
+    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ERRORCHECK);
+    pthread_mutex_init(&m, &attr);
+    ASSERT_EQ(0, pthread_mutex_lock(&m));  // held by this thread: the guard's lock gets EDEADLK
+    CaptureStderr();
+    int relock, r;
+    {
+        ltGuard g(&m);
+        relock = g.lock();  // the failed constructor lock left the guard unlocked: it may retry
+        r = g.unlock();
+    }
+    const std::string err = GetCapturedStderr();
+    EXPECT_EQ(-EDEADLK, relock);
+    EXPECT_EQ(-EINVAL, r);
+    EXPECT_NE(std::string::npos, err.find("lock(): mutex lock failed\n"));
+    EXPECT_NE(std::string::npos, err.find("backtrace"));
+    EXPECT_EQ(0, pthread_mutex_unlock(&m));  // still held exactly once, by us
+    pthread_mutex_destroy(&m);
+}
+
+}  // namespace

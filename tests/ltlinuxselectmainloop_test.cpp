@@ -1,0 +1,210 @@
+// The select pass: readable descriptors dispatched, wake-ups collapsed into one byte, type 3
+// handles never dispatched, descriptor sets refilled only after a change, and a loop blocked
+// in select() woken by a timer added from another thread.
+#include "ltlinuxselectmainloop.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <future>
+#include <thread>
+#include <vector>
+
+#include "ltclock.h"
+
+namespace {
+
+struct TestLoop : ltLinuxSelectMainLoop {
+    using ltLinuxSelectMainLoop::beginExec;
+    using ltLinuxSelectMainLoop::pipeReadFd;
+    using ltLinuxSelectMainLoop::runOnePass;
+    using PassState = ltLinuxSelectMainLoop::PassState;
+};
+
+struct Pipe {
+    int r = -1, w = -1;
+    Pipe()
+    {
+        int fds[2];
+        EXPECT_EQ(0, pipe(fds));
+        r = fds[0];
+        w = fds[1];
+    }
+    ~Pipe()
+    {
+        close(r);
+        close(w);
+    }
+    void put() { ASSERT_EQ(1, write(w, "x", 1)); }
+};
+
+int pendingBytes(int fd)
+{
+    int n = -1;
+    ioctl(fd, FIONREAD, &n);
+    return n;
+}
+
+struct Calls {
+    std::vector<int> ids;
+    TestLoop* loop = nullptr;
+    int addFd = -1;  // when set, the first callback adds a read handle on it
+    int addedId = 0;
+};
+
+int onReady(int id, int /*fd*/, void* user)
+{
+    auto* c = static_cast<Calls*>(user);
+    c->ids.push_back(id);
+    if (c->addFd >= 0) {
+        c->addedId = c->loop->doAddIOHandle(handleRead, handleNoFlags, c->addFd, onReady, c);
+        c->addFd = -1;
+    }
+    return 0;
+}
+
+TEST(SelectPass, ReadableDescriptorIsDispatchedOnlyAfterARebuild)
+{
+    TestLoop loop;
+    TestLoop::PassState s;
+    loop.beginExec(s);
+    Pipe p;
+    Calls calls;
+    const int id = loop.doAddIOHandle(handleRead, handleNoFlags, p.r, onReady, &calls);
+    p.put();
+    loop.runOnePass(s);  // the add marked the table changed: sets rebuilt, fd dispatched
+    ASSERT_EQ(std::vector<int>{id}, calls.ids);
+
+    // The byte is still unread, but the sets are refilled only after the next table change,
+    // so this pass (woken through the pipe) watches just the wake-up pipe.
+    loop.wakeupEventLoop();
+    loop.runOnePass(s);
+    EXPECT_EQ(1u, calls.ids.size());
+
+    loop.removeIOHandle(loop.doAddIOHandle(handleWrite, handleNoFlags, p.w, nullptr, nullptr));
+    loop.runOnePass(s);  // a change: the read handle is watched again
+    EXPECT_EQ(2u, calls.ids.size());
+}
+
+TEST(SelectPass, ManyWakeupsAreWrittenAsOneByte)
+{
+    TestLoop loop;
+    for (int i = 0; i < 5; ++i)
+        loop.wakeupEventLoop();  // before exec(): nothing is written
+    EXPECT_EQ(0, pendingBytes(loop.pipeReadFd()));
+
+    TestLoop::PassState s;
+    loop.beginExec(s);
+    for (int i = 0; i < 10; ++i)
+        loop.wakeupEventLoop();
+    EXPECT_EQ(1, pendingBytes(loop.pipeReadFd()));
+    loop.runOnePass(s);  // the byte is drained, and the next wake-up writes again
+    EXPECT_EQ(0, pendingBytes(loop.pipeReadFd()));
+    loop.wakeupEventLoop();
+    EXPECT_EQ(1, pendingBytes(loop.pipeReadFd()));
+}
+
+TEST(SelectPass, TypeThreeHandleIsNeverDispatchedButCountsForNfds)
+{
+    TestLoop loop;
+    TestLoop::PassState s;
+    loop.beginExec(s);
+    Pipe p;
+    p.put();
+    const int high = dup2(p.r, 200);
+    ASSERT_EQ(200, high);
+    Calls calls;
+    ASSERT_NE(0, loop.doAddIOHandle(static_cast<handleType_t>(3), handleNoFlags, high, onReady, &calls));
+    loop.runOnePass(s);  // woken by the add's own wake-up byte
+    EXPECT_TRUE(calls.ids.empty());
+    EXPECT_EQ(200, s.highestFd);
+    close(high);
+}
+
+TEST(SelectPass, HandleAddedDuringAPassWaitsForTheRebuild)
+{
+    TestLoop loop;
+    TestLoop::PassState s;
+    loop.beginExec(s);
+    Pipe a, b;
+    a.put();
+    b.put();
+    Calls calls;
+    calls.loop = &loop;
+    calls.addFd = b.r;
+    const int first = loop.doAddIOHandle(handleRead, handleNoFlags, a.r, onReady, &calls);
+    loop.runOnePass(s);
+    ASSERT_EQ(std::vector<int>{first}, calls.ids);  // b is ready but not yet in the sets
+    ASSERT_NE(0, calls.addedId);
+    char byte;
+    ASSERT_EQ(1, read(a.r, &byte, 1));
+    loop.runOnePass(s);
+    EXPECT_EQ((std::vector<int>{first, calls.addedId}), calls.ids);
+}
+
+struct Handle : ltIOHandleReceiver {
+    int calls = 0;
+    int ioReady(int, int fd) override
+    {
+        char byte;
+        EXPECT_EQ(1, read(fd, &byte, 1));
+        ++calls;
+        return 0;
+    }
+};
+
+struct Member : ltMainLoopMember {
+    int calls = 0;
+    int processNextEvent() override { return ++calls % 4 == 0 ? 1 : 0; }
+};
+
+TEST(SelectPass, MembersRunUntilIdleAndReceiversAreCalled)
+{
+    TestLoop loop;
+    TestLoop::PassState s;
+    loop.beginExec(s);
+    Member member;
+    ASSERT_NE(0, loop.registerMainLoopMember(member));
+    Pipe p;
+    Handle handle;
+    ASSERT_NE(0, loop.addObjectIOHandle(handleRead, p.r, &handle));
+    p.put();
+    loop.runOnePass(s);
+    EXPECT_EQ(4, member.calls);  // 0, 0, 0, then non-zero
+    EXPECT_EQ(1, handle.calls);
+}
+
+int fulfil(int, const ltTime&, void* user)
+{
+    static_cast<std::promise<std::thread::id>*>(user)->set_value(std::this_thread::get_id());
+    return 0;
+}
+
+TEST(SelectLoop, TimerAddedFromAnotherThreadWakesABlockedLoop)
+{
+    auto* loop = new TestLoop;  // exec() never returns: the loop outlives the test
+    std::promise<std::thread::id> fired;
+    std::thread runner([loop] { loop->exec(); });
+    const std::thread::id loopThread = runner.get_id();
+    runner.detach();
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // let it block in select()
+
+    ltTime due = lt_internal::wallClockNow();
+    ASSERT_NE(0, loop->doAddTimer(timerAbsolute, due, ltTime::noTime, fulfil, &fired));
+    auto result = fired.get_future();
+    ASSERT_EQ(std::future_status::ready, result.wait_for(std::chrono::seconds(10)));
+    EXPECT_EQ(loopThread, result.get());  // callbacks run on the loop thread
+}
+
+TEST(SelectLoop, SingletonIsCreatedOnce)
+{
+    ltLinuxSelectMainLoop* a = ltLinuxSelectMainLoop::getMainLoop();
+    EXPECT_NE(nullptr, a);
+    EXPECT_EQ(a, ltLinuxSelectMainLoop::getMainLoop());
+    EXPECT_EQ(a, ltLinuxSelectMainLoop::singleton_);
+}
+
+}  // namespace

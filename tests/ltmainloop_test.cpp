@@ -1,0 +1,266 @@
+// The loop core: flag rules, the next wake-up, timers firing in slot order and re-arming from
+// now, callbacks changing the tables, members and handles. Driven directly, without select().
+#include "ltabstractmainloop.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/mman.h>
+#include <sys/time.h>
+
+#include <atomic>
+#include <new>
+#include <vector>
+
+#include "ltclock.h"
+
+namespace {
+
+struct CoreLoop : ltAbstractMainLoop {
+    std::atomic<int> wakeups{0};
+    void wakeupEventLoop() override { ++wakeups; }
+    void exec() override {}
+    void setNow(const ltTime& t) { now_.store(t); }
+    uint32_t flags() const { return flags_.load(); }
+    using ltAbstractMainLoop::members_;
+    using ltAbstractMainLoop::timers_;
+    using ltAbstractMainLoop::ioHandles_;
+};
+
+struct Fired {
+    int id;
+    ltTime expiry;
+};
+
+struct Recorder {
+    std::vector<Fired> fired;
+    CoreLoop* loop = nullptr;
+    bool removeSelf = false;
+    bool addAnother = false;
+};
+
+int record(int id, const ltTime& expiry, void* user)
+{
+    auto* r = static_cast<Recorder*>(user);
+    r->fired.push_back({id, expiry});
+    if (r->removeSelf)
+        r->loop->removeTimer(id);
+    if (r->addAnother) {
+        r->addAnother = false;
+        EXPECT_NE(0, r->loop->doAddTimer(timerPeriodic, ltTime::noTime, ltTime(100, 0), record, r));
+    }
+    return 0;
+}
+
+// A wall-clock time offset from now by the given seconds.
+ltTime wallIn(int seconds)
+{
+    ltTime t = lt_internal::wallClockNow();
+    t.sec += seconds;
+    return t;
+}
+
+TEST(TimerFlagRules, RejectedCombinationsReturnZeroWithoutWakingTheLoop)
+{
+    CoreLoop loop;
+    Recorder r;
+    EXPECT_EQ(0, loop.doAddTimer(static_cast<timerFlags_t>(0), wallIn(1), ltTime(1, 0), record, &r));
+    EXPECT_EQ(0, loop.doAddTimer(timerPeriodic, ltTime(0, 0), ltTime::noTime, record, &r));
+    EXPECT_EQ(0, loop.doAddTimer(timerAbsolute, ltTime::noTime, ltTime(1, 0), record, &r));
+    EXPECT_EQ(0, loop.doAddTimer(timerAbsolute | timerPeriodic, wallIn(1), ltTime::noTime, record, &r));
+    EXPECT_EQ(0, loop.wakeups.load());
+    EXPECT_EQ(0, loop.timers_.count);
+
+    // (-1, 0) is not noTime: both fields must be all ones.
+    EXPECT_NE(0, loop.doAddTimer(timerPeriodic, ltTime(0, 0), ltTime(-1, 0), record, &r));
+    EXPECT_NE(0, loop.doAddTimer(timerAbsolute, wallIn(5), ltTime::noTime, record, &r));
+    EXPECT_EQ(2, loop.wakeups.load());
+}
+
+TEST(NextWakeup, IsNeverWithoutTimersAndTheEarliestExpiryOtherwise)
+{
+    CoreLoop loop;
+    Recorder r;
+    EXPECT_EQ(ltTime(kLtTimeNever, 0), loop.getNextWakeupTime());
+
+    const ltTime before = lt_internal::monotonicNow();
+    const int late = loop.doAddTimer(timerPeriodic, ltTime::noTime, ltTime(50, 0), record, &r);
+    const int soon = loop.doAddTimer(timerAbsolute, wallIn(20), ltTime::noTime, record, &r);
+    const ltTime after = lt_internal::monotonicNow();
+    ASSERT_NE(0, late);
+    ASSERT_NE(0, soon);
+    const ltTime next = loop.getNextWakeupTime();
+    EXPECT_TRUE(ltTimeNotAfter(ltTimeAdd(before, ltTime(19, 0)), next));
+    EXPECT_TRUE(ltTimeNotAfter(next, ltTimeAdd(after, ltTime(21, 0))));
+    EXPECT_EQ(0u, loop.flags() & ltAbstractMainLoop::kWakeupStale);
+
+    loop.removeTimer(soon);  // marks the cache stale; the next call recomputes it
+    EXPECT_NE(0u, loop.flags() & ltAbstractMainLoop::kWakeupStale);
+    const ltTime later = loop.getNextWakeupTime();
+    EXPECT_TRUE(ltTimeNotAfter(ltTimeAdd(before, ltTime(50, 0)), later));
+    loop.removeTimer(late);
+    EXPECT_EQ(ltTime(kLtTimeNever, 0), loop.getNextWakeupTime());
+}
+
+TEST(TimerFiring, OneShotFiresOnceAndDisappears)
+{
+    CoreLoop loop;
+    Recorder r;
+    const int id = loop.doAddTimer(timerAbsolute, wallIn(-1), ltTime::noTime, record, &r);
+    ASSERT_NE(0, id);
+    loop.setNow(lt_internal::monotonicNow());
+    loop.processTimeouts();
+    ASSERT_EQ(1u, r.fired.size());
+    EXPECT_EQ(id, r.fired[0].id);
+    EXPECT_EQ(0, loop.timers_.count);
+    loop.processTimeouts();
+    loop.removeTimer(id);  // already gone: ignored
+    EXPECT_EQ(1u, r.fired.size());
+    EXPECT_EQ(ltTime(kLtTimeNever, 0), loop.getNextWakeupTime());
+}
+
+TEST(TimerFiring, PeriodicTimerIsReArmedFromNowNotFromItsExpiry)
+{
+    CoreLoop loop;
+    Recorder r;
+    const int id = loop.doAddTimer(timerPeriodic, ltTime::noTime, ltTime(10, 0), record, &r);
+    ASSERT_NE(0, id);
+    const ltTime due = loop.getNextWakeupTime();
+
+    loop.setNow(ltTimeAdd(due, ltTime(3, 250000)));  // a pass 3.25 s late
+    loop.processTimeouts();
+    ASSERT_EQ(1u, r.fired.size());
+    EXPECT_EQ(due, r.fired[0].expiry);  // the callback sees the old expiry
+    EXPECT_EQ(ltTimeAdd(due, ltTime(13, 250000)), loop.getNextWakeupTime());
+
+    loop.setNow(ltTimeAdd(due, ltTime(30, 0)));  // missed periods are not caught up
+    loop.processTimeouts();
+    EXPECT_EQ(2u, r.fired.size());
+    loop.processTimeouts();
+    EXPECT_EQ(2u, r.fired.size());
+}
+
+TEST(TimerFiring, ExpiredTimersFireInSlotOrderNotExpiryOrder)
+{
+    CoreLoop loop;
+    Recorder r;
+    const int first = loop.doAddTimer(timerAbsolute, wallIn(-1), ltTime::noTime, record, &r);
+    const int second = loop.doAddTimer(timerAbsolute, wallIn(-5), ltTime::noTime, record, &r);
+    const int notYet = loop.doAddTimer(timerAbsolute, wallIn(60), ltTime::noTime, record, &r);
+    loop.setNow(lt_internal::monotonicNow());
+    loop.processTimeouts();
+    ASSERT_EQ(2u, r.fired.size());
+    EXPECT_EQ(first, r.fired[0].id);
+    EXPECT_EQ(second, r.fired[1].id);
+    EXPECT_EQ(1, loop.timers_.count);
+    (void)notYet;
+}
+
+TEST(TimerFiring, CallbacksMayRemoveThemselvesAndAddTimers)
+{
+    CoreLoop loop;
+    Recorder r;
+    r.loop = &loop;
+    r.removeSelf = true;
+    r.addAnother = true;
+    const int id = loop.doAddTimer(timerPeriodic, ltTime::noTime, ltTime(1, 0), record, &r);
+    loop.setNow(ltTimeAdd(loop.getNextWakeupTime(), ltTime(0, 1)));
+    loop.processTimeouts();  // no deadlock: the timer mutex is not held during the callback
+    ASSERT_EQ(1u, r.fired.size());
+    EXPECT_EQ(id, r.fired[0].id);
+    EXPECT_EQ(1, loop.timers_.count);  // the periodic timer removed itself, the new one stays
+    r.removeSelf = false;
+    loop.processTimeouts();
+    EXPECT_EQ(1u, r.fired.size());
+}
+
+struct TimerObject : ltTimerReceiver {
+    int calls = 0;
+    int lastId = 0;
+    int timerExpired(int id, const ltTime&) override
+    {
+        ++calls;
+        lastId = id;
+        return 0;
+    }
+};
+
+TEST(TimerFiring, TimerWithoutCallbackCallsItsReceiver)
+{
+    CoreLoop loop;
+    TimerObject object;
+    const int id = loop.addObjectTimer(timerAbsolute, wallIn(-1), ltTime::noTime, &object);
+    loop.setNow(lt_internal::monotonicNow());
+    loop.processTimeouts();
+    EXPECT_EQ(1, object.calls);
+    EXPECT_EQ(id, object.lastId);
+}
+
+TEST(TimerTable, FullTableRefusesButStillWakesTheLoop)
+{
+    CoreLoop loop;
+    Recorder r;
+    int added = 0;
+    while (loop.doAddTimer(timerPeriodic, ltTime::noTime, ltTime(100, 0), record, &r) != 0)
+        ++added;
+    EXPECT_EQ(16383, added);  // 16384 slots at most, slot 0 never used
+    EXPECT_EQ(added + 1, loop.wakeups.load());
+}
+
+struct CountingMember : ltMainLoopMember {
+    int processNextEvent() override { return 1; }
+};
+
+TEST(Members, RegistrationCodesAndFlags)
+{
+    CoreLoop loop;
+    CountingMember m;
+    const uint32_t initial = loop.flags();
+    EXPECT_EQ(uint32_t{ltAbstractMainLoop::kInitialFlags}, initial);
+    const int id = loop.registerMainLoopMember(m);
+    ASSERT_NE(0, id);
+    EXPECT_NE(0u, loop.flags() & ltAbstractMainLoop::kMembersChanged);
+    EXPECT_EQ(0, loop.wakeups.load());  // registration does not wake the loop
+
+    EXPECT_EQ(-1, loop.unregisterMainLoopMember(0, m));
+    EXPECT_EQ(0, loop.unregisterMainLoopMember(id, m));
+    EXPECT_EQ(0, loop.members_.count);
+    EXPECT_EQ(0, loop.unregisterMainLoopMember(id, m));  // unknown now: still 0
+}
+
+TEST(Members, MemberWhoseAddressHasAZeroLowHalfIsNotAFreeSlot)
+{
+    if (sizeof(void*) == 4)
+        GTEST_SKIP() << "only a 64-bit address can have a zero low half";
+    void* at = reinterpret_cast<void*>(uintptr_t{1} << 36);
+    void* p = mmap(at, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
+    if (p != at)
+        GTEST_SKIP() << "could not map a page at 2^36";
+    auto* m = new (p) CountingMember;
+    CoreLoop loop;
+    const int id = loop.registerMainLoopMember(*m);
+    EXPECT_NE(0, id);
+    EXPECT_EQ(1, loop.members_.count);
+    EXPECT_FALSE(loop.members_.isFree(loop.members_.slotFor(id)));
+    m->~CountingMember();
+    munmap(p, 4096);
+}
+
+TEST(IOHandles, AddAndRemoveMarkTheTableChanged)
+{
+    CoreLoop loop;
+    EXPECT_EQ(0, loop.doAddIOHandle(handleRead, handleNoFlags, -1, nullptr, nullptr));  // reads as free
+    EXPECT_EQ(1, loop.wakeups.load());
+    const int id = loop.doAddIOHandle(handleWrite, handleNoFlags, 0, nullptr, nullptr);
+    ASSERT_NE(0, id);
+    const auto* e = static_cast<const ltAbstractMainLoop::IOEntry*>(loop.ioHandles_.slotFor(id));
+    EXPECT_EQ(0, e->fd);
+    EXPECT_EQ(id, e->id);
+    EXPECT_EQ(handleWrite, e->type);
+    EXPECT_EQ(0, e->stamp);
+    loop.removeIOHandle(id);
+    EXPECT_EQ(0, loop.ioHandles_.count);
+    loop.removeIOHandle(0);
+    loop.removeIOHandle(id);
+}
+
+}  // namespace
