@@ -114,6 +114,15 @@ protected:
     std::atomic<uint32_t> flags_;  // kMembersChanged ... kWakeupStale; no common lock
     CachedTime now_;               // monotonic; what processTimeouts() compares against
     ltTime nextWakeup_;            // valid while kWakeupStale is clear; loop thread only
+
+    // Which timer slots are in use, one bit per slot, kept beside the timer table under the
+    // timer mutex, so that a pass costs nothing for the table's empty slots.
+    static constexpr int kTimerMaxSlots = 16384;
+    uint64_t timerInUse_[kTimerMaxSlots / 64];  // the timer table never grows past 16384 slots
+
+private:
+    void markTimerSlot(int id, bool inUse);
+    int nextTimerInUse(int from, int capacity) const;
 };
 
 static_assert(sizeof(void*) != 4 || sizeof(ltAbstractMainLoop::MemberEntry) == 3 * 4,

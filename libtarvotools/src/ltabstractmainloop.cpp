@@ -17,13 +17,28 @@ constexpr int32_t kFreeFd = -1;
 // reporting of ltGuard is not needed here.
 class MutexLock {
 public:
-    explicit MutexLock(pthread_mutex_t& m) : m_(m) { (void)pthread_mutex_lock(&m_); }
-    ~MutexLock() { (void)pthread_mutex_unlock(&m_); }
+    explicit MutexLock(pthread_mutex_t& m) : m_(m) { lock(); }
+    ~MutexLock()
+    {
+        if (held_)
+            unlock();
+    }
+    void lock()
+    {
+        (void)pthread_mutex_lock(&m_);
+        held_ = true;
+    }
+    void unlock()
+    {
+        (void)pthread_mutex_unlock(&m_);
+        held_ = false;
+    }
     MutexLock(const MutexLock&) = delete;
     MutexLock& operator=(const MutexLock&) = delete;
 
 private:
     pthread_mutex_t& m_;
+    bool held_ = false;
 };
 
 template <typename Entry>
@@ -55,7 +70,8 @@ ltAbstractMainLoop::ltAbstractMainLoop()
       ioHandles_(sizeof(IOEntry), kIOBits, kIOMaxBits, /*freeIsZero=*/false),
       flags_(kInitialFlags),
       now_(ltTime(0, 0)),
-      nextWakeup_(kLtTimeNever, 0)
+      nextWakeup_(kLtTimeNever, 0),
+      timerInUse_()
 {
     // Default attributes: pthread_mutex_init cannot fail on Linux, so there is nothing to
     // undo. A table whose allocation failed hands out no ids.
@@ -69,6 +85,33 @@ ltAbstractMainLoop::~ltAbstractMainLoop()
     (void)pthread_mutex_destroy(&ioMutex_);
     (void)pthread_mutex_destroy(&timerMutex_);
     (void)pthread_mutex_destroy(&membersMutex_);
+}
+
+void ltAbstractMainLoop::markTimerSlot(int id, bool inUse)
+{
+    const uint32_t slot = static_cast<uint32_t>(id) & (timers_.capacity - 1u);
+    const uint64_t bit = uint64_t{1} << (slot % 64);
+    if (inUse)
+        timerInUse_[slot / 64] |= bit;
+    else
+        timerInUse_[slot / 64] &= ~bit;
+}
+
+// The first slot in use at or after 'from', or 'capacity' when there is none.
+int ltAbstractMainLoop::nextTimerInUse(int from, int capacity) const
+{
+    if (from >= capacity)
+        return capacity;
+    int word = from / 64;
+    uint64_t bits = timerInUse_[word] & (~uint64_t{0} << (from % 64));
+    const int words = (capacity + 63) / 64;
+    while (bits == 0) {
+        if (++word >= words)
+            return capacity;
+        bits = timerInUse_[word];
+    }
+    const int slot = word * 64 + __builtin_ctzll(bits);
+    return slot < capacity ? slot : capacity;
 }
 
 ltTime ltAbstractMainLoop::refreshNow()
@@ -116,8 +159,10 @@ void ltAbstractMainLoop::removeTimer(int id)
     if (id == 0)
         return;
     MutexLock lock(timerMutex_);
-    if (timers_.removeMember(id) == 0)
+    if (timers_.removeMember(id) == 0) {
+        markTimerSlot(id, false);
         setFlags(kTimersChanged | kWakeupStale);
+    }
 }
 
 int ltAbstractMainLoop::doAddTimer(timerFlags_t flags, const ltTime& first, const ltTime& period,
@@ -146,6 +191,7 @@ int ltAbstractMainLoop::doAddTimer(timerFlags_t flags, const ltTime& first, cons
         id = timers_.putMember(&entry);
         if (id != 0) {
             entryAt<TimerEntry>(timers_, id)->id = id;
+            markTimerSlot(id, true);
             setFlags(kTimersChanged | kWakeupStale);
         }
     }
@@ -176,10 +222,9 @@ ltTime ltAbstractMainLoop::getNextWakeupTime()
         return nextWakeup_;
     ltTime next(kLtTimeNever, 0);
     MutexLock lock(timerMutex_);
-    for (int i = 0; i < timers_.capacity; ++i) {
+    const int capacity = timers_.capacity;
+    for (int i = nextTimerInUse(0, capacity); i < capacity; i = nextTimerInUse(i + 1, capacity)) {
         const TimerEntry* e = entryAt<TimerEntry>(timers_, i);
-        if (e->expiry.sec == 0)
-            continue;  // free slot
         if (ltTimeBefore(e->expiry, next))
             next = e->expiry;
     }
@@ -190,36 +235,36 @@ ltTime ltAbstractMainLoop::getNextWakeupTime()
 
 void ltAbstractMainLoop::processTimeouts()
 {
-    int capacity;
-    {
-        MutexLock lock(timerMutex_);
-        if (timers_.count == 0 || timers_.capacity == 0)
-            return;
-        capacity = timers_.capacity;
-    }
     const ltTime now = now_.load();
-    for (int i = 0; i < capacity; ++i) {
-        TimerEntry fired;
-        {
-            // Taken afresh for each slot: the previous callback may have changed the table.
-            MutexLock lock(timerMutex_);
-            TimerEntry* e = entryAt<TimerEntry>(timers_, i);
-            if (e->expiry.sec == 0 || !ltTimeNotAfter(e->expiry, now))
-                continue;
-            fired = *e;
-            if (fired.period.isNoTime()) {
-                (void)timers_.removeMember(fired.id);  // the slot is in use: cannot fail
-                setFlags(kTimersChanged | kWakeupStale);
-            } else {
-                // Re-armed from now, not from the old expiry: a late timer shifts its
-                // schedule instead of catching up. Kept: callers rely on it.
-                e->expiry = ltTimeAdd(now, fired.period);
-                setFlags(kWakeupStale);
-            }
+    // While the cached next wake-up is valid it is the earliest expiry in the table: nothing
+    // can have expired before it.
+    if (!hasFlags(kWakeupStale) && ltTimeBefore(now, nextWakeup_))
+        return;
+
+    MutexLock lock(timerMutex_);
+    if (timers_.count == 0 || timers_.capacity == 0)
+        return;
+    const int capacity = timers_.capacity;  // slots added while firing wait for the next call
+    for (int i = nextTimerInUse(0, capacity); i < capacity; i = nextTimerInUse(i + 1, capacity)) {
+        TimerEntry* e = entryAt<TimerEntry>(timers_, i);  // re-read: a callback may have moved the table
+        if (!ltTimeNotAfter(e->expiry, now))
+            continue;
+        const TimerEntry fired = *e;
+        if (fired.period.isNoTime()) {
+            (void)timers_.removeMember(fired.id);  // the slot is in use: cannot fail
+            markTimerSlot(fired.id, false);
+            setFlags(kTimersChanged | kWakeupStale);
+        } else {
+            // Re-armed from now, not from the old expiry: a late timer shifts its schedule
+            // instead of catching up. Kept: callers rely on it.
+            e->expiry = ltTimeAdd(now, fired.period);
+            setFlags(kWakeupStale);
         }
+        lock.unlock();  // the callback may add or remove timers, its own included
         if (fired.callback != nullptr)
             (void)fired.callback(fired.id, fired.expiry, fired.userData);  // result ignored
         else
             (void)static_cast<ltTimerReceiver*>(fired.userData)->timerExpired(fired.id, fired.expiry);
+        lock.lock();
     }
 }
