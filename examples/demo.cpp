@@ -32,6 +32,8 @@ int main()
 {
     std::printf("libtarvotools-mt: a tour of the library\n");
 
+    tourContainers();
+
     // The loop is a lazily created singleton: get it before any other thread uses it.
     ltLinuxSelectMainLoop* loop = ltLinuxSelectMainLoop::getMainLoop();
     tourMainLoop(*loop);

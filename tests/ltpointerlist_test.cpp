@@ -1,0 +1,267 @@
+//===- ltpointerlist_test.cpp - Forms, removal rules and a model test -----===//
+#include "ltpointerlist.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <random>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+// Distinct, suitably aligned addresses to store; the list never dereferences them.
+struct Objects {
+    explicit Objects(size_t n) : storage(n) {}
+    void* operator[](size_t i) { return &storage[i]; }
+    std::vector<int64_t> storage;
+};
+
+std::multiset<void*> contentsOf(const ltPointerList& list)
+{
+    std::multiset<void*> found;
+    for (int i = 0; i < list.getCurrentMaxEntries(); ++i)
+        if (void* p = list.getPointer(i))
+            found.insert(p);
+    return found;
+}
+
+// The list holds exactly the model: count, slot contents, lookups, and nothing past the end.
+void expectSameContents(const ltPointerList& list, const std::multiset<void*>& model)
+{
+    EXPECT_EQ(static_cast<int>(model.size()), list.getNEntries());
+    EXPECT_EQ(model, contentsOf(list));
+    for (void* p : model)
+        EXPECT_TRUE(list.hasPointer(p));
+    EXPECT_EQ(nullptr, list.getPointer(list.getCurrentMaxEntries()));
+    EXPECT_EQ(nullptr, list.getPointer(-1));
+}
+
+// Capacity after n adds to an empty list: single, triple, array of 14, then doubling.
+int expectedCapacity(int n)
+{
+    if (n <= 1)
+        return 1;
+    if (n <= 3)
+        return 3;
+    int capacity = 14;
+    while (capacity < n)
+        capacity *= 2;
+    return capacity;
+}
+
+TEST(PointerListGrowth, KeepsEveryPointerAcrossEachForm)
+{
+    Objects objects(60);
+    ltPointerList list;
+    std::multiset<void*> model;
+    expectSameContents(list, model);
+    for (int n = 1; n <= 60; ++n) {  // single, triple, array 14, 28, 56, 112
+        ASSERT_EQ(0, list.addPointer(objects[n - 1]));
+        model.insert(objects[n - 1]);
+        SCOPED_TRACE("after " + std::to_string(n) + " adds");
+        EXPECT_EQ(expectedCapacity(n), list.getCurrentMaxEntries());
+        expectSameContents(list, model);
+    }
+}
+
+TEST(PointerListGrowth, FailedDoublingLeavesTheListAsItWas)
+{
+    // 32768 slots cannot double within the 16-bit capacity field: the growth fails like an
+    // allocation failure, deterministically.
+    constexpr int kCapacity = 32768;
+    Objects objects(kCapacity + 1);
+    ltPointerList list(kCapacity);
+    ASSERT_EQ(kCapacity, list.getCurrentMaxEntries());
+    for (int i = 0; i < kCapacity; ++i)
+        ASSERT_EQ(0, list.addPointer(objects[i]));
+
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(-12, list.addPointer(objects[kCapacity]));
+    EXPECT_EQ("Not enough storage.\n", testing::internal::GetCapturedStdout());
+
+    EXPECT_EQ(kCapacity, list.getCurrentMaxEntries());
+    EXPECT_EQ(kCapacity, list.getNEntries());
+    EXPECT_FALSE(list.hasPointer(objects[kCapacity]));
+    EXPECT_EQ(objects[kCapacity - 1], list.getPointer(kCapacity - 1));
+}
+
+TEST(PointerListStorage, SizedConstructorPicksTheFormAndKeepsIt)
+{
+    Objects objects(5);
+    // {n, capacity}: n < 2 and sizes beyond the 16-bit field give the empty single form.
+    for (auto [n, capacity] : {std::pair{-3, 1}, {1, 1}, {3, 3}, {5, 5}, {65535, 65535}, {65536, 1}}) {
+        SCOPED_TRACE("n = " + std::to_string(n));
+        ltPointerList list(n);
+        EXPECT_EQ(capacity == 1 ? -1 : 0, list.tidyUp(false));  // -1: nothing allocated
+        std::multiset<void*> model;
+        for (int i = 0; i < std::min(capacity, 5); ++i) {  // filling keeps the form
+            ASSERT_EQ(0, list.addPointer(objects[i]));
+            model.insert(objects[i]);
+        }
+        EXPECT_EQ(capacity, list.getCurrentMaxEntries());
+        expectSameContents(list, model);
+    }
+}
+
+TEST(PointerListRemoval, ByIndexFollowsEachFormsRule)
+{
+    Objects objects(5);
+    ltPointerList single;  // index 0 only, and only when occupied
+    EXPECT_EQ(-1, single.removePointer(0));
+    ASSERT_EQ(0, single.addPointer(objects[0]));
+    EXPECT_EQ(-1, single.removePointer(1));
+    EXPECT_EQ(0, single.removePointer(0));
+    expectSameContents(single, {});
+
+    ltPointerList triple;  // index 1 and 2 refused although taken (kept behaviour)
+    for (int i = 0; i < 3; ++i)
+        ASSERT_EQ(0, triple.addPointer(objects[i]));
+    for (int i : {1, 2, -1})
+        EXPECT_EQ(-1, triple.removePointer(i));
+    EXPECT_EQ(0, triple.removePointer(0));
+    EXPECT_EQ(-1, triple.removePointer(0));  // slot 0 is free now
+    expectSameContents(triple, {objects[1], objects[2]});
+
+    ltPointerList array;  // any taken slot inside the block
+    std::multiset<void*> model;
+    for (int i = 0; i < 5; ++i) {
+        ASSERT_EQ(0, array.addPointer(objects[i]));
+        model.insert(objects[i]);
+    }
+    for (int i : {7, 20, -1})  // free slot, past the capacity of 14, negative
+        EXPECT_EQ(-1, array.removePointer(i));
+    for (int i : {3, 0, 4, 1, 2}) {
+        void* held = array.getPointer(i);
+        ASSERT_EQ(0, array.removePointer(i));
+        EXPECT_EQ(-1, array.removePointer(i));
+        model.erase(model.find(held));
+        expectSameContents(array, model);
+    }
+    EXPECT_EQ(14, array.getCurrentMaxEntries());  // an emptied array keeps its block
+}
+
+TEST(PointerListGrowth, RefusesNullAndMisalignedButMatchesNullToAHole)
+{
+    Objects objects(3);
+    ltPointerList list;
+    void* odd = static_cast<char*>(objects[0]) + 1;  // its low bit would read as a tag
+    EXPECT_EQ(-1, list.addPointer(nullptr));
+    EXPECT_EQ(-1, list.addPointer(odd));
+    EXPECT_FALSE(list.hasPointer(nullptr));  // empty lists answer false first
+    ASSERT_EQ(0, list.addPointer(objects[0]));
+    ASSERT_EQ(0, list.addPointer(objects[1]));
+    EXPECT_EQ(-1, list.addPointer(odd));
+    EXPECT_TRUE(list.hasPointer(nullptr));       // triple with a free slot: kept behaviour
+    EXPECT_EQ(-1, list.removePointer(nullptr));  // ... but a hole is not an entry
+    expectSameContents(list, {objects[0], objects[1]});
+}
+
+TEST(PointerListTidy, CompactsTheTripleAndAFullFrontLosslessly)
+{
+    Objects objects(6);
+    ltPointerList list;
+    EXPECT_EQ(-1, list.tidyUp(false));
+    for (int i = 0; i < 3; ++i)
+        ASSERT_EQ(0, list.addPointer(objects[i]));
+    ASSERT_EQ(0, list.removePointer(objects[0]));
+    EXPECT_EQ(0, list.tidyUp(true));  // shrink has no effect on a triple
+    EXPECT_EQ(3, list.getCurrentMaxEntries());
+    EXPECT_EQ(objects[1], list.getPointer(0));  // order kept, hole moved to the end
+    EXPECT_EQ(objects[2], list.getPointer(1));
+
+    // [1, 2, 0, 3, 4] in an array of 14: no hole before count, so shrinking loses nothing.
+    for (int i : {0, 3, 4})
+        ASSERT_EQ(0, list.addPointer(objects[i]));
+    EXPECT_EQ(0, list.tidyUp(true));
+    EXPECT_EQ(5, list.getCurrentMaxEntries());
+    ASSERT_EQ(0, list.addPointer(objects[5]));
+    EXPECT_EQ(10, list.getCurrentMaxEntries());  // a shrunk array doubles from its new size
+    expectSameContents(list, {objects[0], objects[1], objects[2], objects[3], objects[4], objects[5]});
+    list.clearList();
+    EXPECT_EQ(-1, list.tidyUp(true));
+}
+
+TEST(PointerListTidy, ArrayCompactsOnlyItsFirstCountSlots)
+{
+    Objects objects(4);
+    void* a = objects[0];
+    void* b = objects[3];
+    // [A, x, y, B] with x and y removed: count 2, B at position 3.
+    ltPointerList list;
+    for (int i = 0; i < 4; ++i)
+        ASSERT_EQ(0, list.addPointer(objects[i]));
+    ASSERT_EQ(0, list.removePointer(objects[1]));
+    ASSERT_EQ(0, list.removePointer(objects[2]));
+
+    EXPECT_EQ(0, list.tidyUp(false));  // B lies past count: it stays where it is
+    EXPECT_EQ(b, list.getPointer(3));
+
+    // Shrinking cuts the block to count slots: B is dropped yet still counted (kept).
+    EXPECT_EQ(0, list.tidyUp(true));
+    EXPECT_EQ(2, list.getCurrentMaxEntries());
+    EXPECT_EQ(2, list.getNEntries());
+    EXPECT_EQ(a, list.getPointer(0));
+    EXPECT_FALSE(list.hasPointer(b));
+
+    // The over-counted array is full by its count, so the next add doubles it.
+    ASSERT_EQ(0, list.addPointer(b));
+    EXPECT_EQ(4, list.getCurrentMaxEntries());
+    EXPECT_EQ(b, list.getPointer(2));
+}
+
+// Thousands of random operations against std::multiset. Shrinking is left out: it may drop
+// entries by design, which the directed tests above cover.
+TEST(PointerListModel, RandomOperationsMatchAMultiset)
+{
+    constexpr int kPool = 40;
+    Objects objects(kPool);
+    std::mt19937 rng(20240611);
+    auto pick = [&](int n) { return static_cast<int>(rng() % static_cast<unsigned>(n)); };
+
+    ltPointerList list;
+    std::multiset<void*> model;
+    int maxCapacity = 0;
+    for (int step = 0; step < 20000; ++step) {
+        const int op = pick(100);
+        void* p = objects[pick(kPool)];
+        if (op < 45) {
+            ASSERT_EQ(0, list.addPointer(p));
+            model.insert(p);
+        } else if (op < 75) {
+            const bool held = model.count(p) > 0;
+            ASSERT_EQ(held ? 0 : -1, list.removePointer(p));
+            if (held)
+                model.erase(model.find(p));
+        } else if (op < 92) {
+            // Removal by index: the capacity tells the form (1 single, 3 triple, else array).
+            const int capacity = list.getCurrentMaxEntries();
+            const int i = pick(capacity + 2) - 1;  // includes -1 and the capacity itself
+            void* held = list.getPointer(i);
+            const bool removable = held != nullptr && (capacity != 3 || i == 0);
+            ASSERT_EQ(removable ? 0 : -1, list.removePointer(i)) << "index " << i;
+            if (removable)
+                model.erase(model.find(held));
+        } else if (op < 98) {
+            ASSERT_EQ(list.getNEntries() == 0 && list.getCurrentMaxEntries() == 1 ? -1 : 0,
+                      list.tidyUp(false));
+        } else if (pick(10) == 0) {  // rare, so that the array gets to double
+            list.clearList();
+            model.clear();
+        }
+        ASSERT_EQ(static_cast<int>(model.size()), list.getNEntries()) << "step " << step;
+        maxCapacity = std::max(maxCapacity, list.getCurrentMaxEntries());
+        ASSERT_EQ(model.count(p) > 0, list.hasPointer(p)) << "step " << step;
+        if (step % 97 == 0) {
+            ASSERT_EQ(model, contentsOf(list)) << "step " << step;
+        }
+    }
+    expectSameContents(list, model);
+    EXPECT_GE(maxCapacity, 28) << "the run never doubled an array";
+}
+
+}  // namespace

@@ -1,0 +1,247 @@
+//===- ltsortedlist_test.cpp - Search positions, growth, owning records ---===//
+#include "ltsortedlist.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <set>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+// The growth-failure test asks for an impossible block; under AddressSanitizer that must give
+// a null result as it does in the plain build, not a report.
+extern "C" const char* __asan_default_options()
+{
+    return "allocator_may_return_null=1";
+}
+
+namespace {
+
+// The records in list order, read through operator[] until it answers null.
+template <typename T>
+std::vector<T> recordsOf(const ltSortedList& list)
+{
+    std::vector<T> out;
+    for (int i = 0; list[i] != nullptr; ++i) {
+        T v;
+        std::memcpy(&v, list[i], sizeof v);
+        out.push_back(v);
+    }
+    return out;
+}
+
+TEST(SortedListSearch, ReportsTheMatchOrTheInsertPosition)
+{
+    ltSortedList list(1, 4, 0, 4);
+    bool found = true;
+    unsigned char key = 10;
+    EXPECT_EQ(0, list.search(&key, &found));
+    EXPECT_FALSE(found);
+
+    for (unsigned char v : {30, 10, 20, 10})  // the second 10 is refused, still with 0
+        ASSERT_EQ(0, list.add(&v));
+    EXPECT_EQ(0, list.add(nullptr));
+    ASSERT_EQ((std::vector<unsigned char>{10, 20, 30}), recordsOf<unsigned char>(list));
+
+    // {key, position, found}
+    for (auto [k, position, match] : {std::tuple{5, 0, false}, {10, 0, true}, {15, 1, false},
+                                      {20, 1, true}, {25, 2, false}, {30, 2, true}, {35, 3, false}}) {
+        SCOPED_TRACE("key " + std::to_string(k));
+        key = static_cast<unsigned char>(k);
+        EXPECT_EQ(position, list.search(&key, &found));
+        EXPECT_EQ(match, found);
+        EXPECT_EQ(position, list.search(&key, nullptr));  // found may be null
+    }
+    EXPECT_EQ(nullptr, list[3]);  // operator[](count)
+    EXPECT_EQ(nullptr, list[-1]);
+}
+
+TEST(SortedListOrder, DefaultCompareOrdersBytesNotValues)
+{
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    ltSortedList list(sizeof(uint16_t), 2, 0, 2);
+    for (uint16_t v : {0x0001, 0x0100})  // bytes 01 00, then 00 01
+        ASSERT_EQ(0, list.add(&v));
+    EXPECT_EQ((std::vector<uint16_t>{0x0100, 0x0001}), recordsOf<uint16_t>(list));
+#else
+    GTEST_SKIP() << "written for little-endian targets";
+#endif
+}
+
+TEST(SortedListGrowth, GrowsByTheStepOrToWhatIsNeeded)
+{
+    for (int growBy : {8, 0}) {
+        SCOPED_TRACE("growBy " + std::to_string(growBy));
+        ltSortedList list(1, 4, 0, growBy);
+        for (unsigned char v = 1; v <= 4; ++v)
+            ASSERT_EQ(0, list.add(&v));
+        EXPECT_EQ(4, list.capacity);
+        unsigned char fifth = 5;
+        ASSERT_EQ(0, list.add(&fifth));
+        EXPECT_EQ(growBy == 8 ? 12 : 5, list.capacity);
+        EXPECT_EQ((std::vector<unsigned char>{1, 2, 3, 4, 5}), recordsOf<unsigned char>(list));
+    }
+
+    // {request, capacity}: a step of 3 when that is enough, else straight to the request.
+    ltSortedList list(4, 2, 0, 3);
+    for (auto [request, capacity] : {std::pair{2, 2}, {5, 5}, {6, 8}, {40, 40}}) {
+        EXPECT_EQ(0, list.expand(request));
+        EXPECT_EQ(capacity, list.capacity);
+    }
+    const std::vector<unsigned char> zeros(40 * 4, 0);  // every new slot is zeroed
+    EXPECT_EQ(0, std::memcmp(list.array, zeros.data(), zeros.size()));
+}
+
+TEST(SortedListGrowth, FailedExpandLeavesTheRecords)
+{
+    constexpr int kRecordSize = 1 << 20;
+    ltSortedList list(kRecordSize, 1, 0, 0);
+    ASSERT_NE(nullptr, list.array);
+    std::vector<unsigned char> record(kRecordSize, 0);
+    record[0] = 42;
+    ASSERT_EQ(0, list.add(record.data()));
+
+    EXPECT_EQ(-12, list.expand(INT_MAX));  // 2^51 bytes: more than any address space
+    EXPECT_EQ(1, list.capacity);
+    ASSERT_NE(nullptr, list[0]);
+    EXPECT_EQ(42, *static_cast<unsigned char*>(list[0]));
+
+    // add needs room it cannot get: nothing is stored, and the answer is still 0.
+    list.growBy = INT_MAX - 1;  // the next step alone is beyond reach
+    record[0] = 43;
+    EXPECT_EQ(0, list.add(record.data()));
+    EXPECT_EQ(1, list.count);
+    EXPECT_EQ(1, list.capacity);
+}
+
+// Ints ordered by value, for the model test.
+class IntList : public ltSortedList {
+public:
+    IntList() : ltSortedList(sizeof(int), 1, 0, 3) {}
+    int compare(const void* a, const void* b) const override
+    {
+        int x, y;
+        std::memcpy(&x, a, sizeof x);
+        std::memcpy(&y, b, sizeof y);
+        return x < y ? -1 : (x > y ? 1 : 0);
+    }
+};
+
+TEST(SortedListModel, RandomOperationsMatchAStdSet)
+{
+    std::mt19937 rng(7);
+    auto pick = [&](int n) { return static_cast<int>(rng() % static_cast<unsigned>(n)); };
+    IntList list;
+    std::set<int> model;
+    for (int step = 0; step < 5000; ++step) {
+        int v = pick(200) - 100;
+        const int op = pick(10);
+        if (op < 5) {
+            ASSERT_EQ(0, list.add(&v));
+            model.insert(v);
+        } else if (op < 8) {
+            list.remove(static_cast<void*>(&v));
+            model.erase(v);
+        } else if (!model.empty()) {
+            const int i = pick(static_cast<int>(model.size()));
+            list.remove(i);
+            model.erase(std::next(model.begin(), i));
+        }
+
+        // Every probe lands where std::lower_bound would put it.
+        int probe = pick(220) - 110;
+        bool found = false;
+        const auto lower = model.lower_bound(probe);
+        ASSERT_EQ(static_cast<int>(std::distance(model.begin(), lower)), list.search(&probe, &found));
+        ASSERT_EQ(lower != model.end() && *lower == probe, found);
+        ASSERT_EQ(static_cast<int>(model.size()), list.count);
+    }
+    EXPECT_EQ(std::vector<int>(model.begin(), model.end()), recordsOf<int>(list));
+}
+
+// Records that own a heap copy of their text, keyed by an int. Counts live copies so the
+// test sees leaks and double frees even without the sanitizers.
+struct Named {
+    int key;
+    char* text;
+};
+
+class NamedList : public ltSortedList {
+public:
+    explicit NamedList(int* live) : ltSortedList(sizeof(Named), 2, 0, 2), live_(live) {}
+    ~NamedList() override { destroyArray(); }  // the base destructor cannot reach ours
+
+    int compare(const void* a, const void* b) const override
+    {
+        const int x = static_cast<const Named*>(a)->key;
+        const int y = static_cast<const Named*>(b)->key;
+        return x < y ? -1 : (x > y ? 1 : 0);
+    }
+    void destroyElement(void* record) override
+    {
+        Named* n = static_cast<Named*>(record);
+        std::free(n->text);
+        n->text = nullptr;
+        --*live_;
+    }
+    void copy(void* to, const void* from) override
+    {
+        static const Named zero{};
+        if (std::memcmp(to, &zero, sizeof zero) != 0)
+            dirtySlots += 1;  // copy must get a cleared slot, never stale bytes
+        Named* t = static_cast<Named*>(to);
+        const Named* f = static_cast<const Named*>(from);
+        t->key = f->key;
+        t->text = strdup(f->text);
+        ++*live_;
+    }
+    std::string textAt(int i) const { return static_cast<Named*>((*this)[i])->text; }
+
+    int dirtySlots = 0;
+
+private:
+    int* live_;
+};
+
+TEST(SortedListOwnership, EveryCopyIsReleasedExactlyOnce)
+{
+    int live = 0;
+    {
+        NamedList list(&live);
+        char words[][8] = {"delta", "alpha", "echo", "bravo", "charlie"};
+        for (int i = 0; i < 5; ++i) {
+            Named n{(i * 3) % 5, words[i]};  // keys 0, 3, 1, 4, 2
+            ASSERT_EQ(0, list.add(&n));
+        }
+        Named dup{3, words[0]};
+        ASSERT_EQ(0, list.add(&dup));  // refused: no copy made
+        EXPECT_EQ(5, live);
+        EXPECT_EQ("alpha", list.textAt(3));
+
+        Named key{1, nullptr};
+        list.remove(static_cast<void*>(&key));  // "echo"
+        list.remove(0);                         // "delta"
+        EXPECT_EQ(3, live);
+        EXPECT_EQ("charlie", list.textAt(0));
+
+        // Vacated slots are reused; each is cleared before the copy.
+        for (Named n : {Named{0, words[2]}, Named{9, words[1]}})
+            ASSERT_EQ(0, list.add(&n));
+        EXPECT_EQ(0, list.dirtySlots);
+
+        list.destroyArray();
+        EXPECT_EQ(0, live);
+        Named last{9, words[1]};
+        ASSERT_EQ(0, list.add(&last));  // usable again after destroyArray
+    }
+    EXPECT_EQ(0, live);  // the derived destructor released the last record
+}
+
+}  // namespace
