@@ -32,6 +32,7 @@ int main()
 {
     std::printf("libtarvotools-mt: a tour of the library\n");
 
+    tourConfigAndUris();
     tourContainers();
 
     // The loop is a lazily created singleton: get it before any other thread uses it.

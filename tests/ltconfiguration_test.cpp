@@ -1,0 +1,170 @@
+//===- ltconfiguration_test.cpp - INFO store over real files --------------===//
+#include "ltconfiguration.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <unistd.h>
+#include <utility>
+
+#include <boost/property_tree/info_parser.hpp>
+#include <gtest/gtest.h>
+
+namespace {
+
+// print() is checked by its text, so the debug output must be on before its first use.
+[[maybe_unused]] const int kDebugOutputOn = setenv("CSP_DEBUG_QUIET", "0", /*overwrite=*/1);
+
+// A fresh directory per test, removed with everything in it afterwards.
+class ConfigFiles : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        char pattern[] = "/tmp/ltconfiguration_test.XXXXXX";
+        ASSERT_NE(nullptr, mkdtemp(pattern));
+        dir_ = pattern;
+    }
+    void TearDown() override
+    {
+        const std::string command = "rm -rf '" + dir_ + "'";
+        (void)std::system(command.c_str());  // a leftover temp dir fails no test
+    }
+
+    std::string write(const std::string& name, const std::string& text)
+    {
+        const std::string path = dir_ + "/" + name;
+        std::ofstream(path) << text;
+        return path;
+    }
+
+    std::string dir_;
+};
+
+TEST_F(ConfigFiles, ReadsNestedBlocksQuotedStringsIncludesAndDottedKeys)
+{
+    const std::string tuner = write("tuner.info", "dvbs\n{\n    lnb.lof 9750\n}\n");
+    const std::string main = write("main.info",
+        "; the platform's settings\n"
+        "video.mode 1080p\n"
+        "video\n{\n    mode 720p\n}\n"
+        "tuner\n{\n    dvbt\n    {\n        bandwidth 8\n        name \"Tuner \\\"A\\\"\\tone\"\n"
+        "    }\n    #include \"" + tuner + "\"\n}\n"
+        "channel first\nchannel second\n"
+        "empty \"\"\n");
+    const ltConfiguration config(main);
+
+    ASSERT_FALSE(config.initError()) << config.getInitError();
+    // A dot is part of a name; only '/' descends.
+    EXPECT_EQ("1080p", config.getString("video.mode", "-"));
+    EXPECT_EQ("720p", config.getString("video/mode", "-"));
+    EXPECT_EQ(8, config.getInteger("tuner/dvbt/bandwidth", 0));
+    EXPECT_EQ("Tuner \"A\"\tone", config.getString("tuner/dvbt/name", "-"));
+    // The included file lands inside the block that includes it.
+    EXPECT_EQ(9750, config.getInteger("tuner/dvbs/lnb.lof", 0));
+    EXPECT_EQ(0, config.getInteger("tuner/dvbs/lnb/lof", 0));
+    // Of same-named siblings the first in file order is found.
+    EXPECT_EQ("first", config.getString("channel", "-"));
+    // An existing node with an empty value is not the default; a missing one is.
+    EXPECT_EQ("", config.getString("empty", "-"));
+    EXPECT_EQ("-", config.getString("tuner/dvbc", "-"));
+}
+
+TEST_F(ConfigFiles, IntegerNeedsTheWholeValueAsOneDecimalInt)
+{
+    const struct {
+        const char* text;
+        int expected;  // 77 is the default
+    } cases[] = {
+        {"12", 12}, {"\" 12 \"", 12}, {"-5", -5}, {"+7", 7}, {"2147483647", 2147483647},
+        {"2147483648", 77}, {"99999999999", 77}, {"12a", 77}, {"0x10", 77}, {"\"\"", 77},
+        {"1.5", 77}, {"\"1 2\"", 77},
+    };
+    std::string text;
+    for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i)
+        text += "k" + std::to_string(i) + " " + cases[i].text + "\n";
+    const ltConfiguration config(write("ints.info", text));
+
+    ASSERT_FALSE(config.initError()) << config.getInitError();
+    for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i)
+        EXPECT_EQ(cases[i].expected, config.getInteger("k" + std::to_string(i), 77))
+            << "value " << cases[i].text;
+    EXPECT_EQ(77, config.getInteger("missing", 77));
+}
+
+TEST_F(ConfigFiles, ReadErrorsAreKeptAsTextNamingFileAndLine)
+{
+    const std::string missing = dir_ + "/missing.info";
+    const std::string unmatched = write("unmatched.info", "a 1\nb\n{\n    c 2\n");
+    const std::string stray = write("stray.info", "a 1\n}\n");
+    const std::string badInclude = write("include.info", "a 1\n#include \"" + missing + "\"\n");
+
+    const std::pair<std::string, std::string> cases[] = {
+        {missing, missing + ": cannot open file for reading"},
+        {unmatched, unmatched + "(5): unmatched {"},  // reported at the end of the file
+        {stray, stray + "(2): unmatched }"},
+        {badInclude, badInclude + "(2): cannot open include file " + missing},
+    };
+    for (const auto& [path, error] : cases) {
+        const ltConfiguration config(path);
+        EXPECT_TRUE(config.initError()) << path;
+        EXPECT_EQ(error, config.getInitError());
+        // Nothing of a failed file is kept, not even the lines before the error.
+        EXPECT_EQ("-", config.getString("a", "-")) << path;
+    }
+}
+
+TEST(ConfigWithoutFile, EmptyPathReportsNoErrorAndGivesDefaults)
+{
+    ltConfiguration config("");
+    EXPECT_FALSE(config.initError());
+    EXPECT_EQ("", config.getInitError());
+    EXPECT_EQ("d", config.getString("a", "d"));
+    EXPECT_EQ(-9, config.getInteger("a", -9));
+
+    // Puts work in every state, creating missing parents with empty values.
+    config.putString("x/y/z", "1");
+    EXPECT_EQ(1, config.getInteger("x/y/z", 0));
+    EXPECT_EQ("", config.getString("x/y", "-"));
+    config.putInteger("x.y", -5);
+    EXPECT_EQ("-5", config.getString("x.y", "-"));
+}
+
+TEST_F(ConfigFiles, PutsChangeOnlyTheTreeInMemory)
+{
+    const std::string text = "name one\nname two\nblock\n{\n    n 1\n}\n";
+    const std::string path = write("puts.info", text);
+    {
+        ltConfiguration config(path);
+        config.putString("name", "three");  // replaces the first of the two
+        config.putInteger("block/n", 2);
+        EXPECT_EQ("three", config.getString("name", "-"));
+        EXPECT_EQ(2, config.getInteger("block/n", 0));
+    }
+    std::stringstream onDisk;
+    onDisk << std::ifstream(path).rdbuf();
+    EXPECT_EQ(text, onDisk.str());
+}
+
+TEST(ConfigPrint, LogsEveryNodeDepthFirstWithItsDepth)
+{
+    std::istringstream in("a 1\nb\n{\n c \"two words\"\n d\n {\n  e 3\n }\n}\nf\n");
+    boost::property_tree::ptree tree;
+    boost::property_tree::info_parser::read_info(in, tree);
+    const ltConfiguration config("");
+
+    testing::internal::CaptureStderr();
+    config.print(tree, 0);
+    // Each line: the source's base name, its line (the source's own business), "print".
+    std::istringstream lines(testing::internal::GetCapturedStderr());
+    std::string line, nodes;
+    while (std::getline(lines, line)) {
+        const size_t mark = line.find(":print(): ");
+        EXPECT_EQ(0u, line.rfind("ltconfiguration.cpp:", 0)) << line;
+        ASSERT_NE(std::string::npos, mark) << line;
+        nodes += line.substr(mark + 10) + "\n";
+    }
+    EXPECT_EQ("00: a = 1\n00: b = \n01: c = two words\n01: d = \n02: e = 3\n00: f = \n", nodes);
+}
+
+}  // namespace
