@@ -32,6 +32,7 @@ int main()
 {
     std::printf("libtarvotools-mt: a tour of the library\n");
 
+    tourTimerQueueAndExecutor();
     tourConfigAndUris();
     tourContainers();
 

@@ -1,0 +1,39 @@
+// The random source: ranges, coverage, the plain modulo reduction, and state kept per object.
+#include "ltrandom.h"
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstdlib>
+#include <set>
+
+namespace {
+
+constexpr unsigned kRaw = UINT_MAX - 1;  // divisor UINT_MAX: get() returns rand_r's value
+
+TEST(RandomRange, DrawsStayInRangeAndCoverIt)
+{
+    ltrandom r;
+    std::set<unsigned> zero, coin, die;
+    for (int i = 0; i < 2000; ++i)
+        zero.insert(r.get(0)), coin.insert(r.get(1)), die.insert(r.get(6));
+    EXPECT_EQ((std::set<unsigned>{0}), zero);
+    EXPECT_EQ((std::set<unsigned>{0, 1}), coin);
+    EXPECT_EQ((std::set<unsigned>{0, 1, 2, 3, 4, 5, 6}), die);  // missing one: p < 1e-130
+}
+
+// A copy carries the seed, so one copy is the reference stream for the other.
+TEST(RandomState, EachDrawAdvancesOnlyItsOwnSeedAndReducesByPlainModulo)
+{
+    ltrandom a;
+    ltrandom b = a;
+    const unsigned ranges[] = {0, 1, 6, 99, 1000000, kRaw};
+    for (int i = 0; i < 60; ++i) {
+        srand(i), (void)rand();  // the process-wide generator plays no part
+        const unsigned n = ranges[i % 6], raw = b.get(kRaw);
+        EXPECT_LE(raw, static_cast<unsigned>(RAND_MAX));
+        EXPECT_EQ(raw % (n + 1), a.get(n)) << "draw " << i << ", n " << n;  // get(0) advances too
+    }
+}
+
+}  // namespace

@@ -1,0 +1,139 @@
+// The named semaphore: creation mode and value, each failed step and its syslog line, a wait
+// cut short by a signal, and a signal passed between two processes. syslog is interposed
+// below to collect the lines; every test uses names of its own and unlinks them.
+#include "ltsemaphoros.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <semaphore.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using Lines = std::vector<std::pair<int, std::string>>;  // (priority, text)
+Lines logged;
+
+void record(int priority, const char* format, va_list args)
+{
+    char text[256];
+    vsnprintf(text, sizeof text, format, args);
+    logged.emplace_back(priority, text);
+}
+
+}  // namespace
+
+extern "C" void syslog(int priority, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    record(priority, format, args);
+    va_end(args);
+}
+
+extern "C" void __syslog_chk(int priority, int, const char* format, ...)  // when fortified
+{
+    va_list args;
+    va_start(args, format);
+    record(priority, format, args);
+    va_end(args);
+}
+
+namespace {
+
+// A name of this process's own, unlinked before and after use.
+struct UniqueName {
+    explicit UniqueName(const char* what) : name("/lt_test_" + std::to_string(getpid()) + what)
+    {
+        (void)sem_unlink(name.c_str());
+        logged.clear();
+    }
+    ~UniqueName() { (void)sem_unlink(name.c_str()); }
+    ltSemaPhoros object() const { return ltSemaPhoros(std::string(name)); }
+    int value() const
+    {
+        int v = -1;
+        sem_t* sem = sem_open(name.c_str(), 0);
+        if (sem != SEM_FAILED)
+            sem_getvalue(sem, &v), sem_close(sem);
+        return v;
+    }
+    const std::string name;
+};
+
+TEST(SemaphoreSignal, CreatesAtZeroPostsOnceAndReportsEachFailedStep)
+{
+    UniqueName n("_steps"), full("_full");
+    const ltSemaPhoros sem = n.object();
+    EXPECT_EQ(-1, sem.lock(0));  // no such semaphore: fails at once, creates nothing
+    EXPECT_EQ(-1, n.value());
+    const mode_t oldMask = umask(0);
+    EXPECT_EQ(0, sem.unlock(O_CREAT));  // created at 0, then posted once
+    umask(oldMask);
+    EXPECT_EQ(1, n.value());
+    struct stat st;
+    ASSERT_EQ(0, stat(("/dev/shm/sem." + n.name.substr(1)).c_str(), &st));
+    EXPECT_EQ(0666U, st.st_mode & 0777);
+    EXPECT_EQ(-1, sem.lock(O_CREAT | O_EXCL));  // exists: the open fails, no wait
+    EXPECT_EQ(0, sem.lock(0));  // takes the posted value without blocking
+    EXPECT_EQ(0, n.value());
+
+    sem_t* raw = sem_open(full.name.c_str(), O_CREAT, 0600, SEM_VALUE_MAX);
+    ASSERT_NE(SEM_FAILED, raw);
+    sem_close(raw);
+    EXPECT_EQ(-1, full.object().unlock(0));  // a post past the maximum fails
+    EXPECT_EQ((Lines{{LOG_ERR, "ltSemaPhoros: Couldn't open " + n.name},
+                     {LOG_ERR, "ltSemaPhoros: Couldn't open " + n.name},
+                     {LOG_ERR, "ltSemaPhoros: Couldn't post " + full.name}}),
+              logged);
+}
+
+TEST(SemaphoreSignal, WaitInterruptedBySignalIsAFailure)
+{
+    UniqueName n("_eintr");
+    struct sigaction sa = {};
+    sa.sa_handler = [](int) {};  // no SA_RESTART: the wait returns EINTR
+    ASSERT_EQ(0, sigaction(SIGALRM, &sa, nullptr));
+    itimerval every100ms = {{0, 100000}, {0, 100000}};  // repeats until the wait is cut short
+    ASSERT_EQ(0, setitimer(ITIMER_REAL, &every100ms, nullptr));
+    const int result = n.object().lock(O_CREAT);  // value 0: blocks until a signal
+    itimerval off = {};
+    setitimer(ITIMER_REAL, &off, nullptr);
+    EXPECT_EQ(-1, result);
+    EXPECT_EQ((Lines{{LOG_ERR, "ltSemaPhoros: Couldn't wait " + n.name}}), logged);
+}
+
+TEST(SemaphoreSignal, OneProcessWaitsUntilTheOtherPosts)
+{
+    UniqueName go("_go"), ack("_ack");
+    const pid_t child = fork();
+    ASSERT_NE(-1, child);
+    if (child == 0) {
+        alarm(10);  // a lost signal ends the child instead of hanging it
+        if (go.object().lock(O_CREAT) != 0)
+            _exit(1);
+        _exit(ack.object().unlock(O_CREAT) == 0 ? 0 : 2);
+    }
+    EXPECT_EQ(0, go.object().unlock(O_CREAT));  // whichever side comes first creates it
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    ASSERT_TRUE(WIFEXITED(status)) << "child status " << status;
+    EXPECT_EQ(0, WEXITSTATUS(status));
+    EXPECT_EQ(0, go.value());            // the child took the post
+    EXPECT_EQ(0, ack.object().lock(0));  // and posted back
+    EXPECT_TRUE(logged.empty());
+}
+
+}  // namespace
