@@ -34,6 +34,7 @@ int main()
 
     tourTimerQueueAndExecutor();
     tourConfigAndUris();
+    tourCrypto();
     tourContainers();
 
     // The loop is a lazily created singleton: get it before any other thread uses it.

@@ -1,0 +1,127 @@
+//===- ltmd5_test.cpp - The MD5 engine against RFC 1321 and OpenSSL -------===//
+#include "ltmd5.h"
+
+#include <cstring>
+#include <random>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+
+#include "crypto_test_support.h"
+
+using namespace crypto_test;
+
+namespace {
+
+std::string engineHex(const lt_md5_state_t& finishedFrom)
+{
+    lt_md5_state_t state = finishedFrom;
+    unsigned char digest[16];
+    lt_md5_finish(&state, digest);
+    return hexOf(digest, sizeof digest);
+}
+
+std::string opensslMd5Hex(const Bytes& data)
+{
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int size = 0;
+    EXPECT_EQ(1, EVP_Digest(data.data(), data.size(), digest, &size, EVP_md5(), nullptr));
+    return hexOf(digest, size);
+}
+
+TEST(Md5Digest, MatchesTheRfc1321Suite)
+{
+    const struct {
+        const char* text;
+        const char* digest;
+    } suite[] = {
+        {"", "d41d8cd98f00b204e9800998ecf8427e"},
+        {"a", "0cc175b9c0f1b6a831c399e269772661"},
+        {"abc", "900150983cd24fb0d6963f7d28e17f72"},
+        {"message digest", "f96b697d7cb7938d525a2f31aaf161d0"},
+        {"abcdefghijklmnopqrstuvwxyz", "c3fcd3d76192e4007dfb496cca67e13b"},
+        {"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789",
+         "d174ab98d277d9f5a5611c2c9f419d9f"},
+        {"12345678901234567890123456789012345678901234567890123456789012345678901234567890",
+         "57edf4a22be3c955ac49da2e2107b67a"},
+    };
+    for (const auto& entry : suite) {
+        SCOPED_TRACE(entry.text);
+        LTmd5 md5(entry.text);
+        EXPECT_EQ(entry.digest, md5.toString());
+        EXPECT_EQ(entry.digest, md5.toString());  // the cached form is the same
+    }
+}
+
+// Random buffers fed in random pieces, across the padding boundaries (55, 56, 63, 64 bytes
+// in the last block) and over many blocks, always agree with OpenSSL.
+TEST(Md5Digest, AgreesWithOpensslForAnySplit)
+{
+    std::mt19937 generator(1321);
+    std::vector<size_t> sizes;
+    for (size_t n = 0; n <= 200; ++n)
+        sizes.push_back(n);
+    for (size_t n : {1000u, 4095u, 4096u, 4097u, 65536u + 55u, 1048576u + 3u})
+        sizes.push_back(n);
+
+    for (size_t size : sizes) {
+        SCOPED_TRACE(size);
+        const Bytes data = randomBytes(size, static_cast<uint32_t>(size) * 7 + 1);
+        const std::string expected = opensslMd5Hex(data);
+
+        for (int round = 0; round < 3; ++round) {
+            lt_md5_state_t state;
+            lt_md5_init(&state);
+            size_t done = 0;
+            while (done < size) {
+                // Pieces from 0 to 150 bytes, with the occasional empty or negative append.
+                const size_t piece = std::min<size_t>(generator() % 151, size - done);
+                lt_md5_append(&state, data.data() + done, static_cast<int>(piece));
+                if (generator() % 8 == 0)
+                    lt_md5_append(&state, data.data(), -5);  // ignored
+                done += piece;
+            }
+            ASSERT_EQ(expected, engineHex(state));
+        }
+        lt_md5_state_t whole;
+        lt_md5_init(&whole);
+        lt_md5_append(&whole, data.data(), static_cast<int>(size));
+        EXPECT_EQ(expected, engineHex(whole));
+        if (size < 100000) {
+            EXPECT_EQ(expected, LTmd5(std::string(data.begin(), data.end())).toString());
+        }
+    }
+}
+
+// The bit count is 64 bits wide: the low word carries into the high word.
+TEST(Md5Digest, LengthCarriesIntoTheHighWord)
+{
+    lt_md5_state_t state;
+    lt_md5_init(&state);
+    state.count[0] = 0xfffffe00u;  // 2^32 - 512 bits: a whole number of blocks so far
+    const Bytes block(64, 'x');
+    lt_md5_append(&state, block.data(), 64);
+    EXPECT_EQ(0u, state.count[0]);
+    EXPECT_EQ(1u, state.count[1]);
+    lt_md5_append(&state, block.data(), 3);
+    EXPECT_EQ(24u, state.count[0]);
+    EXPECT_EQ(1u, state.count[1]);
+}
+
+TEST(Md5Hash, CopiesOnlyIntoSixteenBytes)
+{
+    LTmd5 md5("abc");
+    unsigned char out[32];
+    for (unsigned int size : {0u, 15u, 17u, 32u}) {
+        std::memset(out, 0x5a, sizeof out);
+        EXPECT_EQ(-22, md5.getHash(out, size));
+        EXPECT_EQ(std::string(32, '\x5a'), std::string(reinterpret_cast<char*>(out), sizeof out));
+    }
+    std::memset(out, 0x5a, sizeof out);
+    ASSERT_EQ(0, md5.getHash(out, 16));
+    EXPECT_EQ("900150983cd24fb0d6963f7d28e17f72", hexOf(out, 16));
+    EXPECT_EQ(0x5a, out[16]);  // nothing beyond the digest
+}
+
+}  // namespace

@@ -1,0 +1,291 @@
+//===- ltrsa_test.cpp - Key files by mode, the load order, raw RSA blocks --===//
+//
+// ltrsa reads fixed key paths only. Each test body runs in a child process with a private
+// mount namespace in which an empty tmpfs hides the key directory (or, where that directory
+// does not exist, its nearest existing parent), so the tests write their own key files at
+// the real paths without touching the machine's. Where a private mount namespace is not
+// permitted, the tests skip and say why.
+//
+//===----------------------------------------------------------------------===//
+#include "ltrsa.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <sched.h>
+#include <string>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "crypto_test_support.h"
+
+using namespace crypto_test;
+
+namespace {
+
+// These tests read the debug output, which is read as quiet or not once per process.
+[[maybe_unused]] const bool kDebugOutputOn = setenv("CSP_DEBUG_QUIET", "0", 1) == 0;
+
+const std::string kKeyDir = "/usr/local/configuration/keys";
+const std::string kDevelop = kKeyDir + "/develop.key";
+const std::string kProduction = kKeyDir + "/production.key";
+const std::string kAutoexec = kKeyDir + "/autoexec.key";
+
+const int kBlock = ltrsa::LTSIGNATURE_SIZE;  // the exported block size: 256
+constexpr int kSetupRefused = 77;  // the child's exit status when the namespace is refused
+
+bool isDirectory(const std::string& path)
+{
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool writeProcFile(const char* path, const std::string& text)
+{
+    std::ofstream file(path);
+    file << text << std::flush;
+    return file.good();
+}
+
+// In the child: a private mount namespace with an empty, writable key directory. Returns ""
+// or the reason it could not be had.
+std::string makePrivateKeyDir()
+{
+    const uid_t uid = geteuid();
+    const gid_t gid = getegid();
+    if (uid != 0) {
+        // Without root, a user namespace of our own grants the mount rights.
+        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
+            return std::string("unshare(CLONE_NEWUSER|CLONE_NEWNS): ") + std::strerror(errno);
+        if (!writeProcFile("/proc/self/setgroups", "deny") ||
+            !writeProcFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
+            !writeProcFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1"))
+            return std::string("user namespace id maps: ") + std::strerror(errno);
+    } else if (unshare(CLONE_NEWNS) != 0) {
+        return std::string("unshare(CLONE_NEWNS): ") + std::strerror(errno);
+    }
+    // Nothing mounted here may reach the parent namespace.
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+        return std::string("making / private: ") + std::strerror(errno);
+
+    std::string base = kKeyDir;
+    while (!isDirectory(base))
+        base = base.substr(0, base.rfind('/'));
+    if (base.empty() || base == "/usr")
+        return "no directory to hide below /usr";
+    if (mount("lt-test-keys", base.c_str(), "tmpfs", 0, "mode=0755") != 0)
+        return "mounting a tmpfs over " + base + ": " + std::strerror(errno);
+    // Recreate the levels below the tmpfs, down to the key directory.
+    for (size_t slash = kKeyDir.find('/', base.size() + 1);; slash = kKeyDir.find('/', slash + 1)) {
+        (void)mkdir(kKeyDir.substr(0, slash).c_str(), 0755);  // an existing level fails harmlessly
+        if (slash == std::string::npos)
+            break;
+    }
+    return isDirectory(kKeyDir) ? "" : "could not create " + kKeyDir;
+}
+
+// Runs body in a child process with a private key directory. Failures inside body are
+// printed by the child; the parent reports them, or skips when the namespace is refused.
+void runWithPrivateKeyDir(const std::function<void()>& body)
+{
+    int reasonPipe[2];
+    ASSERT_EQ(0, pipe(reasonPipe));
+    std::fflush(nullptr);  // nothing buffered may be printed twice
+    const pid_t child = fork();
+    ASSERT_GE(child, 0) << std::strerror(errno);
+    if (child == 0) {
+        (void)close(reasonPipe[0]);
+        const std::string reason = makePrivateKeyDir();
+        if (!reason.empty()) {
+            (void)!write(reasonPipe[1], reason.data(), reason.size());
+            _exit(kSetupRefused);
+        }
+        body();
+        std::fflush(nullptr);
+        // _exit: no second run of the parent's exit handlers; the key object leaks by design.
+        _exit(::testing::Test::HasFailure() ? 1 : 0);
+    }
+    (void)close(reasonPipe[1]);
+    char reason[256] = {};
+    (void)!read(reasonPipe[0], reason, sizeof reason - 1);  // one short message, or nothing
+    (void)close(reasonPipe[0]);
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    ASSERT_TRUE(WIFEXITED(status)) << "the child died with signal " << WTERMSIG(status);
+    if (WEXITSTATUS(status) == kSetupRefused)
+        GTEST_SKIP() << "a private mount namespace for the key files is not permitted here: "
+                     << reason;
+    EXPECT_EQ(0, WEXITSTATUS(status)) << "the child reported failures (see above)";
+}
+
+// Generates a key into <dir>/key<bits>.pem; returns its modulus in hexadecimal, or "".
+std::string generateKey(const TempDir& dir, int bits)
+{
+    const std::string pem = dir.file("key" + std::to_string(bits) + ".pem");
+    std::string out;
+    const std::string bitCount = std::to_string(bits);
+    if (runCommand("openssl genrsa -out " + pem + " " + bitCount + " 2>/dev/null") != 0 ||
+        runCommand("openssl rsa -in " + pem + " -noout -modulus 2>/dev/null", &out) != 0 ||
+        out.compare(0, 8, "Modulus=") != 0)
+        return "";
+    return out.substr(8, out.find_last_not_of("\r\n") - 7);
+}
+
+class RsaKeyFiles : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!haveOpenssl())
+            GTEST_SKIP() << "the openssl command-line tool is not installed";
+        modulusHex = generateKey(dir, 2048);
+        ASSERT_FALSE(modulusHex.empty());
+    }
+    TempDir dir;
+    std::string modulusHex;
+};
+
+// Each mode reads its own file; unknown modes read the production key. Only the expected
+// file is usable, so a wrong pick shows as a failed operation.
+TEST_F(RsaKeyFiles, ModeSelectsTheKeyFile)
+{
+    const std::string usable = "E : 10001\nN : " + modulusHex + "\n";
+    const std::string unusable = "X : 1\n";
+    const struct {
+        int mode;
+        std::string path;
+    } cases[] = {{0, kDevelop}, {1, kProduction}, {3, kAutoexec},
+                 {2, kProduction}, {4, kProduction}, {-1, kProduction}};
+
+    runWithPrivateKeyDir([&] {
+        for (const auto& c : cases) {
+            SCOPED_TRACE("mode " + std::to_string(c.mode));
+            for (const std::string& path : {kDevelop, kProduction, kAutoexec})
+                writeFile(path, path == c.path ? usable : unusable);
+            ltrsa rsa(c.mode);
+            const Bytes in(kBlock, 0x11);
+            Bytes out(kBlock, 0);
+            EXPECT_TRUE(rsa.encryptSignature(in.data(), out.data()));
+        }
+    });
+}
+
+// Every accepted line replaces both numbers, so a file never yields both.
+TEST_F(RsaKeyFiles, LoadOrderKeepsOnlyTheLastLine)
+{
+    // A raw signature of a block: the private-key operation without padding.
+    Bytes message(kBlock, 0);
+    for (int i = 1; i < kBlock; ++i)
+        message[i] = static_cast<unsigned char>(i);
+    writeFile(dir.file("message"), message);
+    ASSERT_EQ(0, runCommand("openssl pkeyutl -decrypt -inkey " + dir.file("key2048.pem") +
+                            " -pkeyopt rsa_padding_mode:none -in " + dir.file("message") +
+                            " -out " + dir.file("signature") + " 2>/dev/null"));
+    const Bytes signature = readFile(dir.file("signature"));
+    ASSERT_EQ(static_cast<size_t>(kBlock), signature.size());
+
+    runWithPrivateKeyDir([&] {
+        const Bytes ones(kBlock, 0xff);  // larger than any 2048-bit modulus
+        Bytes one(kBlock, 0);            // the number 1: any smaller block under a zero exponent
+        one.back() = 1;
+        Bytes out(kBlock, 0xaa);
+
+        // "N" then "E": the modulus is zero. The object is valid, yet every operation fails.
+        writeFile(kDevelop, "N : " + modulusHex + "\nE : 10001\n");
+        testing::internal::CaptureStderr();
+        {
+            ltrsa rsa(0);
+            EXPECT_FALSE(rsa.decryptSignature(signature.data(), out.data()));
+            EXPECT_FALSE(rsa.encryptSignature(message.data(), out.data()));
+        }
+        EXPECT_EQ("", testing::internal::GetCapturedStderr());
+
+        // "E" then "N": the exponent is zero, so each block below the modulus becomes 1; the
+        // signature does not give back the message.
+        writeFile(kDevelop, "E : 10001\nN : " + modulusHex + "\n");
+        ltrsa rsa(0);
+        ASSERT_TRUE(rsa.decryptSignature(signature.data(), out.data()));
+        EXPECT_TRUE(out == one);
+        EXPECT_FALSE(out == message);
+        out.assign(kBlock, 0xaa);
+        ASSERT_TRUE(rsa.encryptSignature(message.data(), out.data()));
+        EXPECT_TRUE(out == one);
+        EXPECT_FALSE(rsa.encryptSignature(ones.data(), out.data()));
+        EXPECT_FALSE(rsa.decryptSignature(ones.data(), out.data()));
+    });
+}
+
+// What counts as a line: "%c : %550s" on pieces of at most 767 characters.
+TEST_F(RsaKeyFiles, LineFormatAndPieces)
+{
+    const std::string smallModulusHex = generateKey(dir, 1024);
+    ASSERT_FALSE(smallModulusHex.empty());
+    const Bytes in(kBlock, 0x11);
+
+    runWithPrivateKeyDir([&] {
+        Bytes out(kBlock, 0);
+        auto usableWith = [&](const std::string& file) {
+            writeFile(kAutoexec, file);
+            return ltrsa(3).encryptSignature(in.data(), out.data());
+        };
+
+        EXPECT_TRUE(usableWith("E : 10001\nN : " + modulusHex + "\n"));
+        EXPECT_TRUE(usableWith("E:10001\nN:" + modulusHex + "\n"));            // blanks optional
+        EXPECT_TRUE(usableWith("E : 3\n# note\nN : " + modulusHex + " trailing\n"));
+        EXPECT_FALSE(usableWith("E 10001\nN " + modulusHex + "\n"));          // no colon
+        EXPECT_FALSE(usableWith(" E : 10001\n N : " + modulusHex + "\n"));   // name not first
+        EXPECT_FALSE(usableWith("E : 10001\nN : " + smallModulusHex + "\n"));   // 128-byte key
+
+        // Values stop at 550 digits: leading zeros push the modulus's last digits out.
+        EXPECT_FALSE(usableWith("E : 10001\nN : " + std::string(100, '0') + modulusHex + "\n"));
+        EXPECT_TRUE(usableWith("E : 10001\nN : " + std::string(38, '0') + modulusHex + "\n"));
+
+        // A line longer than the buffer is read in pieces, each parsed as a line: an "N" field
+        // at offset 767 of a comment line counts.
+        const std::string pad(767, '#');
+        EXPECT_TRUE(usableWith("E : 10001\n" + pad + "N : " + modulusHex + "\n"));
+        EXPECT_FALSE(usableWith("E : 10001\n" + pad + "#N : " + modulusHex + "\n"));
+    });
+}
+
+// A missing file or a missing name is reported at load and again on every use; the
+// operations then leave the output alone.
+TEST(RsaInvalidKey, ReportsAtLoadAndOnEveryUse)
+{
+    const char* const files[] = {nullptr /* no file */, "", "N : 00c0ffee\n",
+                                 "E : 10001\nE : 3\n", "n : 00c0ffee\ne : 3\n"};
+    runWithPrivateKeyDir([&] {
+        for (const char* text : files) {
+            SCOPED_TRACE(text == nullptr ? "no file" : text);
+            if (text != nullptr)
+                writeFile(kDevelop, std::string(text));
+            testing::internal::CaptureStderr();
+            ltrsa rsa(0);
+            const Bytes in(kBlock, 1);
+            Bytes out(kBlock, 0xaa);
+            EXPECT_FALSE(rsa.decryptSignature(in.data(), out.data()));
+            EXPECT_FALSE(rsa.encryptSignature(in.data(), out.data()));
+            EXPECT_TRUE(out == Bytes(kBlock, 0xaa));
+            const std::string log = testing::internal::GetCapturedStderr();
+            const std::string atLoad =
+                text == nullptr ? "Failed to open RSA key file " + kDevelop + "\n"
+                                : "Public key file did not contain all necessary key fields\n";
+            EXPECT_TRUE(hasDebugLine(log, "ltrsa.cpp", "ltrsa", atLoad)) << log;
+            const std::string toStderr =
+                "Error: Failed to open RSA key file '" + kDevelop + "' - aborting\n";
+            EXPECT_EQ(text == nullptr, log.find(toStderr) != std::string::npos) << log;
+            for (const char* func : {"decryptSignature", "encryptSignature"}) {
+                EXPECT_TRUE(hasDebugLine(log, "ltrsa.cpp", func,
+                                         "Public key not properly intialized\n")) << log;
+            }
+        }
+    });
+}
+
+}  // namespace
