@@ -40,6 +40,7 @@ int main()
     // The loop is a lazily created singleton: get it before any other thread uses it.
     ltLinuxSelectMainLoop* loop = ltLinuxSelectMainLoop::getMainLoop();
     tourMainLoop(*loop);
+    tourEvents(*loop);
 
     // A one-shot timer is always absolute (wall clock): end the tour a few seconds from now.
     ltTime end = ltTime(static_cast<int32_t>(std::time(nullptr)) + kTourLoopSeconds + 1, 0);

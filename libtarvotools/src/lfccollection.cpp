@@ -1,0 +1,4 @@
+//===- lfccollection.cpp - lfcCollection ----------------------------------===//
+#include "lfccollection.h"
+
+lfcCollection::~lfcCollection() = default;

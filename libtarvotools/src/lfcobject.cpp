@@ -1,0 +1,4 @@
+//===- lfcobject.cpp - lfcObject ------------------------------------------===//
+#include "lfcobject.h"
+
+lfcObject::~lfcObject() = default;
