@@ -40,6 +40,10 @@ if [ -f "$STAMP" ] && [ "$(cat "$STAMP")" = "$WANT" ]; then
   exit 0
 fi
 
+# Never clear a folder this script did not make (a mistyped SYSROOT such as ".").
+if [ -n "$(ls -A "$SYSROOT")" ] && [ ! -d "$SYSROOT/.apt" ]; then
+  die "$SYSROOT is not empty and was not made by this script; refusing to clear it"
+fi
 echo "armhf sysroot: building $SYSROOT"
 # Start from nothing: a half-made folder from an interrupted run must not survive.
 find "$SYSROOT" -mindepth 1 -maxdepth 1 -exec rm -rf {} +

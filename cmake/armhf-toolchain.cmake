@@ -2,8 +2,8 @@
 #
 # Debian's cross compiler (g++-arm-linux-gnueabihf) with the sysroot that
 # cmake/armhf-sysroot.sh unpacks from Debian's armhf packages (Boost, OpenSSL, GoogleTest).
-# Programs built here run under qemu-arm with that sysroot as its library prefix, so CTest and
-# gtest_discover_tests work as on a native build.
+# Programs built here run under qemu-arm with that sysroot as its library prefix (through
+# cmake/armhf-run.sh), so CTest and gtest_discover_tests work as on a native build.
 #
 #   cmake/armhf-sysroot.sh build-arm-sysroot
 #   cmake -S . -B build-arm -DCMAKE_TOOLCHAIN_FILE=cmake/armhf-toolchain.cmake
@@ -48,4 +48,6 @@ find_program(LT_QEMU_ARM qemu-arm)
 if(NOT LT_QEMU_ARM)
   message(FATAL_ERROR "qemu-arm not found; install qemu-user (or: make deps-arm)")
 endif()
-set(CMAKE_CROSSCOMPILING_EMULATOR "${LT_QEMU_ARM};-L;${LT_ARM_SYSROOT}")
+# qemu-arm -L <sysroot>, through a script that also lets a program re-execute itself (death tests).
+set(CMAKE_CROSSCOMPILING_EMULATOR
+  "sh;${CMAKE_CURRENT_LIST_DIR}/armhf-run.sh;${LT_QEMU_ARM};${LT_ARM_SYSROOT}")

@@ -231,7 +231,7 @@ TEST(Members, MemberWhoseAddressHasAZeroLowHalfIsNotAFreeSlot)
 {
     if (sizeof(void*) == 4)
         GTEST_SKIP() << "only a 64-bit address can have a zero low half";
-    void* at = reinterpret_cast<void*>(uintptr_t{1} << 36);
+    void* at = reinterpret_cast<void*>(static_cast<uintptr_t>(uint64_t{1} << 36));
     void* p = mmap(at, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
     if (p != at)
         GTEST_SKIP() << "could not map a page at 2^36";

@@ -4,6 +4,9 @@
 #include <cstring>
 
 #include "ltclock.h"
+#include "ltmutexlock.h"
+
+using lt_internal::MutexLock;
 
 namespace {
 
@@ -11,35 +14,6 @@ namespace {
 constexpr int kMemberBits = 3, kMemberMaxBits = 12;  // 8 .. 4096
 constexpr int kTimerBits = 6, kTimerMaxBits = 14;    // 64 .. 16384
 constexpr int kIOBits = 2, kIOMaxBits = 12;          // 4 .. 4096
-constexpr int32_t kFreeFd = -1;
-
-// Holds one pthread mutex for a scope; the loop's own mutexes are never misused, so the
-// reporting of ltGuard is not needed here.
-class MutexLock {
-public:
-    explicit MutexLock(pthread_mutex_t& m) : m_(m) { lock(); }
-    ~MutexLock()
-    {
-        if (held_)
-            unlock();
-    }
-    void lock()
-    {
-        (void)pthread_mutex_lock(&m_);
-        held_ = true;
-    }
-    void unlock()
-    {
-        (void)pthread_mutex_unlock(&m_);
-        held_ = false;
-    }
-    MutexLock(const MutexLock&) = delete;
-    MutexLock& operator=(const MutexLock&) = delete;
-
-private:
-    pthread_mutex_t& m_;
-    bool held_ = false;
-};
 
 template <typename Entry>
 Entry* entryAt(const ltIdTable& table, int idOrIndex)

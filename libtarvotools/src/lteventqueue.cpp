@@ -6,8 +6,10 @@
 
 #include "ltclock.h"
 #include "lteventmask.h"
+#include "ltmutexlock.h"
 #include "ltresult.h"
 
+using lt_internal::MutexLock;
 using lt_internal::kFailed;
 using lt_internal::kNoId;
 using lt_internal::kOk;
@@ -16,28 +18,6 @@ namespace {
 
 constexpr int kDepthAtRest = -1;
 constexpr uint64_t kFirstCounter = 1;  // incremented before use: the first id is 2
-
-// Holds the queue's mutex for a scope, with an early unlock.
-class QueueLock {
-public:
-    explicit QueueLock(pthread_mutex_t& m) : m_(m) { (void)pthread_mutex_lock(&m_); }
-    ~QueueLock()
-    {
-        if (held_)
-            (void)pthread_mutex_unlock(&m_);
-    }
-    void unlock()
-    {
-        (void)pthread_mutex_unlock(&m_);
-        held_ = false;
-    }
-    QueueLock(const QueueLock&) = delete;
-    QueueLock& operator=(const QueueLock&) = delete;
-
-private:
-    pthread_mutex_t& m_;
-    bool held_ = true;
-};
 
 ltEvent* eventAt(const lfcVector& v, int i) { return static_cast<ltEvent*>(v.elementAt(i)); }
 ltEventHandler* handlerAt(const lfcVector& v, int i) { return static_cast<ltEventHandler*>(v.elementAt(i)); }
@@ -85,13 +65,13 @@ ltTime ltEventQueue::knownTimeLocked() const
 
 ltTime ltEventQueue::getKnownTime() const
 {
-    QueueLock lock(mutex_);
+    MutexLock lock(mutex_);
     return knownTimeLocked();
 }
 
 int ltEventQueue::post(ltEvent& event, unsigned int ttlMs)
 {
-    QueueLock lock(mutex_);
+    MutexLock lock(mutex_);
     const int max = maxQueueSize_.load(std::memory_order_relaxed);
     // Strictly greater: one event past the limit is accepted. Kept: callers rely on it.
     if (max > 0 && events_.getSize() > max) {
@@ -133,7 +113,7 @@ int ltEventQueue::post(ltEvent& event, unsigned int ttlMs)
 
 int ltEventQueue::processNextEvent()
 {
-    QueueLock lock(mutex_);
+    MutexLock lock(mutex_);
     const int count = events_.getSize();
     if (count == 0) {
         // The one place the known time is renewed, so put-back events wait for an empty
@@ -208,7 +188,7 @@ bool ltEventQueue::dispatch(ltEvent& event)
 void ltEventQueue::putBack(ltEvent& event, const ltTime& known)
 {
     event.deferralTime = known;
-    QueueLock lock(mutex_);
+    MutexLock lock(mutex_);
     // Only fails out of memory, with the event lost to the queue: it is finished instead.
     if (events_.add(event) == kOk)
         return;
@@ -358,7 +338,7 @@ int ltEventQueue::cbEventTimeOut(int id, const ltTime& /*expiry*/, void* p)
         return 0;
     {
         // Waits for a post still appending this event.
-        QueueLock lock(queue->mutex_);
+        MutexLock lock(queue->mutex_);
         if (queue->events_.remove(*event) != kOk)
             return 0;  // not queued, so not this callback's to delete
     }

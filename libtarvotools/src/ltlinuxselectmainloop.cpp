@@ -6,6 +6,10 @@
 
 #include <algorithm>
 
+#include "ltmutexlock.h"
+
+using lt_internal::MutexLock;
+
 namespace {
 
 constexpr uint16_t kWakeupByte = 1;
@@ -15,20 +19,6 @@ constexpr int kPassCounterModulo = 255;
 // handle generation stamps the handles of the last descriptor-set rebuild.
 std::atomic<uint8_t> passCounter{0};
 std::atomic<uint8_t> handleGeneration{0};
-
-class MutexLock {
-public:
-    explicit MutexLock(pthread_mutex_t& m) : m_(m) { lock(); }
-    ~MutexLock() { if (held_) unlock(); }
-    void lock() { (void)pthread_mutex_lock(&m_); held_ = true; }
-    void unlock() { (void)pthread_mutex_unlock(&m_); held_ = false; }
-    MutexLock(const MutexLock&) = delete;
-    MutexLock& operator=(const MutexLock&) = delete;
-
-private:
-    pthread_mutex_t& m_;
-    bool held_ = false;
-};
 
 }  // namespace
 
@@ -53,11 +43,12 @@ ltLinuxSelectMainLoop::~ltLinuxSelectMainLoop() = default;
 
 void ltLinuxSelectMainLoop::wakeupEventLoop()
 {
-    // One byte collapses every wake-up until select() returns; a race at worst writes a
-    // spare byte, which a later pass drains.
-    if (wakeupPending_.load(std::memory_order_relaxed) != 0)
+    // One byte collapses every wake-up until select() returns. The exchange pairs with the
+    // one after select() in runOnePass: either this call finds the flag cleared and writes,
+    // or the loop's next exchange reads this one and so sees the change the caller made
+    // before calling (a plain load and store could miss both ways).
+    if (wakeupPending_.exchange(kWakeupByte, std::memory_order_acq_rel) != 0)
         return;
-    wakeupPending_.store(kWakeupByte, std::memory_order_relaxed);
     const char byte = static_cast<char>(kWakeupByte & 0xFF);
     (void)!write(pipeWrite_, &byte, 1);  // not checked: a full pipe already wakes the loop
 }
@@ -104,7 +95,7 @@ void ltLinuxSelectMainLoop::runOnePass(PassState& s)
     s.highestFd = std::max(s.highestFd, pipeRead_);
 
     int ready = select(s.highestFd + 1, &readSet, &writeSet, &exceptionSet, wait);
-    wakeupPending_.store(0, std::memory_order_relaxed);
+    (void)wakeupPending_.exchange(0, std::memory_order_acq_rel);  // see wakeupEventLoop()
     if (hasFlags(kNowStale))
         (void)refreshNow();
     if (ready < 1)
@@ -157,8 +148,8 @@ void ltLinuxSelectMainLoop::rebuildDescriptorSetsIfDirty(PassState& s)
         s.highestFd = -1;
         for (int i = 0; i < ioHandles_.capacity; ++i) {
             auto* e = static_cast<IOEntry*>(ioHandles_.slotFor(i));
-            if (e->fd < 0)
-                continue;                    // free (-1) or invalid
+            if (e->fd < 0 || e->fd >= FD_SETSIZE)
+                continue;                    // free (-1), invalid, or past what select() takes
             s.highestFd = std::max(s.highestFd, e->fd);
             const unsigned type = e->type & 3u;
             if (type == 3)
@@ -166,8 +157,10 @@ void ltLinuxSelectMainLoop::rebuildDescriptorSetsIfDirty(PassState& s)
             FD_SET(e->fd, sets[type]);
             e->stamp = generation;
         }
+        // Cleared before the mutex is released: a handle added just after the walk sets the
+        // flag again and is watched from the next pass on, not lost until another change.
+        clearFlags(kHandlesChanged);
     }
-    clearFlags(kHandlesChanged);
 }
 
 int ltLinuxSelectMainLoop::drainWakeupPipe(fd_set& readSet)
@@ -193,6 +186,8 @@ void ltLinuxSelectMainLoop::dispatchReadyDescriptors(int ready, const fd_set& r,
         const IOEntry e = *static_cast<const IOEntry*>(ioHandles_.slotFor(i));  // copy: the callback may change the table
         if (e.fd == -1 || e.stamp != generation || e.fd < 0 || e.type > handleException)
             continue;
+        if (e.fd >= FD_SETSIZE)
+            continue;                        // never watched; its stamp may match after a wrap
         if (!FD_ISSET(e.fd, sets[e.type]))
             continue;
         ready -= 1;
