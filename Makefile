@@ -4,8 +4,13 @@
 #   make demo        build the library and run the demo application
 #   make test        build and run the whole test suite
 #   make test-asan   the suite under AddressSanitizer and UndefinedBehaviorSanitizer
+#   make test-tsan   the suite under ThreadSanitizer
+#   make fuzz        build the libFuzzer targets with clang and run each for FUZZ_SECONDS
 #   make install-check  install into a temporary prefix and build programs against it
 #   make test-arm    cross-build for armhf and run the whole suite under qemu-arm
+#   make docs        the API reference (Doxygen) in $(BUILD)/docs/html; warnings fail it
+#   make package     the Debian packages libtarvotools-mt and libtarvotools-mt-dev in $(BUILD)
+#   make package-check  install both packages, build a program against them, remove them
 
 JOBS ?= 2
 BUILD ?= build
@@ -24,7 +29,7 @@ ARM_CMAKE_FLAGS ?=
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: deps configure build demo test test-asan install-check clean
+.PHONY: deps configure build demo test test-asan test-tsan install-check clean
 
 deps:
 	@missing=$$(for p in $(DEB_PACKAGES); do dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null \
@@ -52,6 +57,14 @@ test: build
 test-asan: deps
 	$(MAKE) test BUILD=build-asan CMAKE_FLAGS="-DLT_SANITIZE=address,undefined -DLT_BUILD_EXAMPLES=OFF"
 
+# Any report fails the test that caused it (exit code 66). Impossible allocations return null,
+# as the C library's do, so the tests of failed growth run here too.
+TSAN_OPTIONS ?= halt_on_error=1 second_deadlock_stack=1 allocator_may_return_null=1
+
+test-tsan: deps
+	TSAN_OPTIONS="$(TSAN_OPTIONS)" $(MAKE) test BUILD=build-tsan \
+	  CMAKE_FLAGS="-DLT_SANITIZE=thread -DLT_BUILD_EXAMPLES=OFF"
+
 install-check: build
 	sh .ci/install-check $(BUILD)
 
@@ -76,3 +89,77 @@ test-arm: deps deps-arm
 	  -DLT_ARM_SYSROOT=$(abspath $(ARM_SYSROOT)) $(ARM_CMAKE_FLAGS)
 	cmake --build $(ARM_BUILD) -j$(JOBS)
 	cd $(ARM_BUILD) && ctest --output-on-failure --no-tests=error -j$(JOBS)
+
+# libFuzzer targets (fuzz/): clang with AddressSanitizer and UndefinedBehaviorSanitizer. Each
+# target runs for FUZZ_SECONDS from its seed corpus in fuzz/corpus/<target>; any finding fails.
+FUZZ_DEB_PACKAGES = clang libclang-rt-14-dev
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 60
+
+.PHONY: deps-fuzz fuzz
+
+deps-fuzz:
+	@missing=$$(for p in $(FUZZ_DEB_PACKAGES); do dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null \
+	  | grep -q 'install ok installed' || echo $$p; done); \
+	if [ -n "$$missing" ]; then \
+	  echo "installing:" $$missing; \
+	  $(SUDO) apt-get update -qq && \
+	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq $$missing </dev/null; \
+	fi
+
+fuzz: deps deps-fuzz
+	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+	  -DLT_SANITIZE=address,undefined -DLT_BUILD_FUZZ=ON -DLT_BUILD_TESTS=OFF -DLT_BUILD_EXAMPLES=OFF
+	cmake --build $(FUZZ_BUILD) -j$(JOBS)
+	sh fuzz/run-all.sh $(FUZZ_BUILD)/fuzz $(FUZZ_SECONDS) $(JOBS)
+
+# The API reference: Doxygen reads docs/Doxyfile (the public headers and docs/mainpage.md) and
+# writes HTML into $(BUILD)/docs/html. Any warning, an undocumented public member included,
+# fails the target.
+DOCS_DEB_PACKAGES = doxygen
+LT_VERSION := $(shell sed -n 's/^project.libtarvotools-mt VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
+
+.PHONY: deps-docs docs
+
+deps-docs:
+	@missing=$$(for p in $(DOCS_DEB_PACKAGES); do dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null \
+	  | grep -q 'install ok installed' || echo $$p; done); \
+	if [ -n "$$missing" ]; then \
+	  echo "installing:" $$missing; \
+	  $(SUDO) apt-get update -qq && \
+	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq $$missing </dev/null; \
+	fi
+
+docs: deps-docs
+	rm -rf $(BUILD)/docs && mkdir -p $(BUILD)/docs
+	( cat docs/Doxyfile; \
+	  echo "OUTPUT_DIRECTORY = $(BUILD)/docs"; \
+	  echo "PROJECT_NUMBER = $(LT_VERSION)"; \
+	) | doxygen -
+	@echo "API reference: $(BUILD)/docs/html/index.html"
+
+# Debian packages through CPack (cmake/packaging.cmake), written into $(BUILD). CPack needs
+# `file` to find the shared objects it writes the shlibs file and the ldconfig calls for.
+PACKAGE_DEB_PACKAGES = file
+
+.PHONY: deps-package package package-check
+
+deps-package:
+	@missing=$$(for p in $(PACKAGE_DEB_PACKAGES); do dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null \
+	  | grep -q 'install ok installed' || echo $$p; done); \
+	if [ -n "$$missing" ]; then \
+	  echo "installing:" $$missing; \
+	  $(SUDO) apt-get update -qq && \
+	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq $$missing </dev/null; \
+	fi
+
+package: build deps-package
+	rm -f $(BUILD)/*.deb
+	cd $(BUILD) && cpack -G DEB
+	dpkg-deb -f $(BUILD)/libtarvotools-mt_*.deb Package Version Depends
+	dpkg-deb -f $(BUILD)/libtarvotools-mt-dev_*.deb Package Version Depends
+
+# Installs both packages on this machine (root), builds tests/install against the installed
+# files with pkg-config and with CMake, runs the programs and removes the packages again.
+package-check: deps
+	sh .ci/package-check $(BUILD)

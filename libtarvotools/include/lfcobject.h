@@ -1,8 +1,9 @@
 //===- lfcobject.h - Base of the objects the lfc containers hold ----------===//
-//
-// lfcObject is the empty polymorphic base of everything stored in an lfcVector, and of the
-// event system's events and handlers. Objects are compared by identity (address) only.
-//
+///
+/// \class lfcObject
+/// lfcObject is the empty polymorphic base of everything stored in an lfcVector, and of the
+/// event system's events and handlers. Objects are compared by identity (address) only.
+///
 //===----------------------------------------------------------------------===//
 #ifndef LFCOBJECT_H
 #define LFCOBJECT_H

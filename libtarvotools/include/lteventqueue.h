@@ -1,53 +1,54 @@
 //===- lteventqueue.h - Events dispatched to handlers on the main loop -----===//
-//
-// An ltEventQueue holds posted events and a priority-ordered list of handlers, and hands each
-// event to the handlers whose masks match it. It is bound to one main loop and is a member
-// of it: register it with loop.registerMainLoopMember(queue) (the queue does not register
-// itself), and the loop calls processNextEvent() on every pass until it reports that nothing
-// is left. Any thread may post; dispatch happens on the loop thread.
-//
-// The road of one event: post() stamps it with the queue's known time, arms a main-loop
-// timer for its time to live if one is given, appends it and wakes the loop. On the loop
-// thread processNextEvent() takes the first event not put back at the current known time,
-// offers it to the matching handlers by priority and deletes it once no handler keeps it;
-// the TTL timer removes and deletes an event that waited too long.
-//
-// Threads and locks: one mutex guards the event vector (and the known time, which changes
-// with it). It is never held while a handler, an event's destructor or any user code runs.
-// The handler list, the id counter and the dispatch depth are used without a lock: add and
-// remove handlers on the loop thread, or before the loop runs. post() holds the mutex from
-// arming an event's TTL timer until the event is in the vector, and the TTL timer callback
-// takes the mutex too, so an expiring event is always one that is queued.
-//
-// Ownership: a posted event and an added handler belong to the queue, which deletes them
-// through their virtual destructors (a handler with kNotOwned excepted). A handler that
-// leaves the queue, by whatever road, has its lethal timer disarmed, so that the timer never
-// reaches a handler the queue no longer holds. The destructor deletes neither events nor
-// handlers and removes no timers: unregister the queue and let its timers pass before
-// destroying it.
-//
-// Things a caller must know (kept: existing applications rely on them):
-//   - An event that a handler keeps (result 0), or that no handler matches, is put back
-//     with the current known time and is not offered again while that known time stands.
-//     The known time is renewed only when processNextEvent() finds the queue empty, which
-//     cannot happen while the put-back event is queued: a put-back event is not offered
-//     again while the queue never becomes empty, and stays until its TTL expires (for ever
-//     without one). Meanwhile posted events are stamped with the old known time.
-//   - TTLs and lethal times are computed from the known time, which is monotonic, but armed
-//     as absolute (wall-clock) timers. The wall clock is far ahead of the monotonic one, so
-//     such a timer is already due and expires on the loop's next pass, whatever its length:
-//     an event posted with a TTL is deleted on the next pass unless a handler finishes it
-//     first (timers fire before members run, so it usually never reaches a handler), and a
-//     handler with a lethal time is invoked with reason 1 and, unless persistent, dropped.
-//   - The max queue size test is strictly greater: one event beyond it is accepted.
-//   - When a non-persistent handler is removed after its invocation, the handler that moves
-//     into its index is not offered the current event.
-//   - A handler's owner is never cleared: a removed handler cannot be added again.
-//
-// The order of the virtual operations is part of the interface: processNextEvent, the
-// destructor, post, removeEventHandlers, addEventHandler(prio, h), getMaxQueueSize,
-// setMaxQueueSize.
-//
+///
+/// \class ltEventQueue
+/// An ltEventQueue holds posted events and a priority-ordered list of handlers, and hands each
+/// event to the handlers whose masks match it. It is bound to one main loop and is a member
+/// of it: register it with loop.registerMainLoopMember(queue) (the queue does not register
+/// itself), and the loop calls processNextEvent() on every pass until it reports that nothing
+/// is left. Any thread may post; dispatch happens on the loop thread.
+///
+/// The road of one event: post() stamps it with the queue's known time, arms a main-loop
+/// timer for its time to live if one is given, appends it and wakes the loop. On the loop
+/// thread processNextEvent() takes the first event not put back at the current known time,
+/// offers it to the matching handlers by priority and deletes it once no handler keeps it;
+/// the TTL timer removes and deletes an event that waited too long.
+///
+/// Threads and locks: one mutex guards the event vector (and the known time, which changes
+/// with it). It is never held while a handler, an event's destructor or any user code runs.
+/// The handler list, the id counter and the dispatch depth are used without a lock: add and
+/// remove handlers on the loop thread, or before the loop runs. post() holds the mutex from
+/// arming an event's TTL timer until the event is in the vector, and the TTL timer callback
+/// takes the mutex too, so an expiring event is always one that is queued.
+///
+/// Ownership: a posted event and an added handler belong to the queue, which deletes them
+/// through their virtual destructors (a handler with kNotOwned excepted). A handler that
+/// leaves the queue, by whatever road, has its lethal timer disarmed, so that the timer never
+/// reaches a handler the queue no longer holds. The destructor deletes neither events nor
+/// handlers and removes no timers: unregister the queue and let its timers pass before
+/// destroying it.
+///
+/// Things a caller must know (kept: existing applications rely on them):
+///   - An event that a handler keeps (result 0), or that no handler matches, is put back
+///     with the current known time and is not offered again while that known time stands.
+///     The known time is renewed only when processNextEvent() finds the queue empty, which
+///     cannot happen while the put-back event is queued: a put-back event is not offered
+///     again while the queue never becomes empty, and stays until its TTL expires (for ever
+///     without one). Meanwhile posted events are stamped with the old known time.
+///   - TTLs and lethal times are computed from the known time, which is monotonic, but armed
+///     as absolute (wall-clock) timers. The wall clock is far ahead of the monotonic one, so
+///     such a timer is already due and expires on the loop's next pass, whatever its length:
+///     an event posted with a TTL is deleted on the next pass unless a handler finishes it
+///     first (timers fire before members run, so it usually never reaches a handler), and a
+///     handler with a lethal time is invoked with reason 1 and, unless persistent, dropped.
+///   - The max queue size test is strictly greater: one event beyond it is accepted.
+///   - When a non-persistent handler is removed after its invocation, the handler that moves
+///     into its index is not offered the current event.
+///   - A handler's owner is never cleared: a removed handler cannot be added again.
+///
+/// The order of the virtual operations is part of the interface: processNextEvent, the
+/// destructor, post, removeEventHandlers, addEventHandler(prio, h), getMaxQueueSize,
+/// setMaxQueueSize.
+///
 //===----------------------------------------------------------------------===//
 #ifndef LTEVENTQUEUE_H
 #define LTEVENTQUEUE_H
@@ -70,59 +71,61 @@
 
 class LT_EXPORT ltEventQueue : public ltMainLoopMember {
 public:
-    static constexpr int kDefaultMaxQueueSize = 4000;
-    static constexpr int kVectorInitialCapacity = 500;  // of the event and handler vectors
-    static constexpr int kVectorGrowBy = 15;
+    static constexpr int kDefaultMaxQueueSize = 4000;   ///< max queue size of a new queue
+    static constexpr int kVectorInitialCapacity = 500;  ///< of the event and handler vectors
+    static constexpr int kVectorGrowBy = 15;            ///< growth step of both vectors
 
-    // Binds the queue to loop; max size 4000. Does not register with the loop.
+    /// Binds the queue to loop; max size 4000. Does not register with the loop.
     explicit ltEventQueue(ltMainLoop& loop);
 
-    // Takes the first event not put back at the current known time and dispatches it (see the
-    // file comment). 0 when an event was taken; -1 with errno EAGAIN when none could be
-    // taken. Loop thread only.
+    /// Takes the first event not put back at the current known time and dispatches it (see the
+    /// file comment). 0 when an event was taken; -1 with errno EAGAIN when none could be
+    /// taken. Loop thread only.
     int processNextEvent() override;
-    // Destroys the mutex and the vectors; queued events and handlers are not deleted and
-    // their timers not removed.
+    /// Destroys the mutex and the vectors; queued events and handlers are not deleted and
+    /// their timers not removed.
     ~ltEventQueue() override;
 
-    // Queues event, with a time to live of ttlMs milliseconds (0: none), and wakes the loop.
-    // 0 on success: the queue owns the event, do not touch it any more. -1 with errno EAGAIN
-    // when more than the max size are queued, EBUSY when the event already has an owner,
-    // ENOMEM when the vector cannot grow; -1 with errno untouched when the TTL timer cannot
-    // be added (the event then keeps this queue as its owner and cannot be posted again).
-    // Any thread.
+    /// Queues event, with a time to live of ttlMs milliseconds (0: none), and wakes the loop.
+    /// 0 on success: the queue owns the event, do not touch it any more. -1 with errno EAGAIN
+    /// when more than the max size are queued, EBUSY when the event already has an owner,
+    /// ENOMEM when the vector cannot grow; -1 with errno untouched when the TTL timer cannot
+    /// be added (the event then keeps this queue as its owner and cannot be posted again).
+    /// Any thread.
     virtual int post(ltEvent& event, unsigned int ttlMs);
-    // Removes every handler that matches: not null, equal to handler if one is given, group
-    // tag 0 or equal to group if group is not 0, and exactly this id if id is not 0. Removed
-    // handlers are deleted when destroy is true (kNotOwned is not consulted here); their
-    // lethal timers are disarmed either way. Returns how many were removed. Loop thread only.
+    /// Removes every handler that matches: not null, equal to handler if one is given, group
+    /// tag 0 or equal to group if group is not 0, and exactly this id if id is not 0. Removed
+    /// handlers are deleted when destroy is true (kNotOwned is not consulted here); their
+    /// lethal timers are disarmed either way. Returns how many were removed. Loop thread only.
     virtual int removeEventHandlers(unsigned long long id, int group, ltEventHandler* handler, bool destroy);
-    // Adds h with priority prio after every handler of priority prio or more, so higher
-    // priorities are invoked first and equal ones in the order added; arms a timer for its
-    // lethal time if it has one. Returns its id (the first is 2), or 0 with errno EBUSY when
-    // h already belongs to a queue (EINVAL for null). Loop thread only.
+    /// Adds h with priority prio after every handler of priority prio or more, so higher
+    /// priorities are invoked first and equal ones in the order added; arms a timer for its
+    /// lethal time if it has one. Returns its id (the first is 2), or 0 with errno EBUSY when
+    /// h already belongs to a queue (EINVAL for null). Loop thread only.
     virtual unsigned long long addEventHandler(int prio, ltEventHandler* h);
-    // Events queued beyond this are refused; 0 or less: unbounded. Any thread.
+    ///@{
+    /// Events queued beyond this are refused; 0 or less: unbounded. Any thread.
     virtual int getMaxQueueSize() const;
     virtual void setMaxQueueSize(int size);
+    ///@}
 
-    // addEventHandler(0, h).
+    /// addEventHandler(0, h).
     unsigned long long addEventHandler(ltEventHandler* h) { return addEventHandler(0, h); }
-    // Adds an ltCallbackEventHandler(mask, userData, no lethal time, flags, cb) with priority
-    // 0; a lethalMs other than 0 sets its lethal time to the known time plus lethalMs. Returns
-    // the id, or 0 (errno ENOMEM). Loop thread only.
+    /// Adds an ltCallbackEventHandler(mask, userData, no lethal time, flags, cb) with priority
+    /// 0; a lethalMs other than 0 sets its lethal time to the known time plus lethalMs. Returns
+    /// the id, or 0 (errno ENOMEM). Loop thread only.
     unsigned long long addEventHandlerFunction(ltEventHandlerCallback cb, ltEventMask* mask,
                                                void* userData, unsigned int lethalMs, int flags);
-    // The known time: the monotonic time read when it was last invalid, kept until
-    // processNextEvent() finds the queue empty. Any thread.
+    /// The known time: the monotonic time read when it was last invalid, kept until
+    /// processNextEvent() finds the queue empty. Any thread.
     ltTime getKnownTime() const;
 
-    // Timer callbacks given to the main loop; both return 0. Loop thread.
-    // An event's TTL has passed: it is removed from its queue and deleted; its handlers are
-    // not told.
+    // Timer callbacks given to the main loop.
+    /// An event's TTL has passed: it is removed from its queue and deleted; its handlers are
+    /// not told. Returns 0. Loop thread.
     static int cbEventTimeOut(int id, const ltTime& expiry, void* event);
-    // A handler's lethal time has passed: it is invoked with reason 1 and then dropped unless
-    // persistent (deleted, or its id reset with kNotOwned).
+    /// A handler's lethal time has passed: it is invoked with reason 1 and then dropped unless
+    /// persistent (deleted, or its id reset with kNotOwned). Returns 0. Loop thread.
     static int cbEventHandlerTimeOut(int id, const ltTime& expiry, void* handler);
 
 private:

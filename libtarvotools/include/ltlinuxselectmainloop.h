@@ -1,17 +1,22 @@
 //===- ltlinuxselectmainloop.h - The process-wide select() main loop ------===//
-//
-// The library's concrete main loop: a process-wide singleton that waits in select() on the
-// watched descriptors and a private wake-up pipe, with a time-out taken from the earliest
-// armed timer. exec() holds the calling thread for good: there is no quit operation.
-//
-// Things a caller must know (kept: applications rely on them):
-//   - The descriptor sets are rebuilt only on a pass after the handle table changed, and are
-//     cleared on every pass: on a pass after which no handle was added or removed, select()
-//     watches only the wake-up pipe and the time-out.
-//   - Any number of wake-ups between two select() returns are written as one byte.
-//   - A handle of type 3 is never dispatched, but its fd still counts for select()'s nfds.
-//   - A periodic timer with a zero period keeps the loop firing timers for ever.
-//
+///
+/// \class ltLinuxSelectMainLoop
+/// The library's concrete main loop: a process-wide singleton that waits in select() on the
+/// watched descriptors and a private wake-up pipe, with a time-out taken from the earliest
+/// armed timer. exec() holds the calling thread for good: there is no quit operation.
+///
+/// Things a caller must know (kept: applications rely on them):
+///   - The descriptor sets are rebuilt only on a pass after the handle table changed, and are
+///     cleared on every pass: on a pass after which no handle was added or removed, select()
+///     watches only the wake-up pipe and the time-out.
+///   - Any number of wake-ups between two select() returns are written as one byte.
+///   - A handle of type 3 is never dispatched, but its fd still counts for select()'s nfds.
+///   - A periodic timer with a zero period keeps the loop firing timers for ever.
+///   - A descriptor closed without removing its handle is still put into the sets whenever
+///     they are rebuilt. Errors of select() are not reported: the loop starts a new pass.
+///   - A descriptor at or past FD_SETSIZE (1024) is stored but never watched, dispatched or
+///     counted for nfds: select() cannot take it.
+///
 //===----------------------------------------------------------------------===//
 #ifndef LTLINUXSELECTMAINLOOP_H
 #define LTLINUXSELECTMAINLOOP_H
@@ -26,32 +31,38 @@
 
 class LT_EXPORT ltLinuxSelectMainLoop : public ltAbstractMainLoop {
 public:
-    // The process-wide loop, created with new on the first call. There is no lock: make the
-    // first call before other threads use the loop.
+    /// The process-wide loop, created with new on the first call. There is no lock: make the
+    /// first call before other threads use the loop.
     static ltLinuxSelectMainLoop* getMainLoop();
-    static ltLinuxSelectMainLoop* singleton_;
+    static ltLinuxSelectMainLoop* singleton_;  ///< the loop getMainLoop() made; null before
 
-    // Destroys the base only; the pipe descriptors are not closed.
+    /// Destroys the base only; the pipe descriptors are not closed.
     ~ltLinuxSelectMainLoop() override;
 
-    // Writes one byte into the wake-up pipe unless one is pending already. Any thread.
+    /// Writes one byte into the wake-up pipe unless one is pending already. Any thread.
     void wakeupEventLoop() override;
-    // Runs the loop on the calling thread. Never returns.
+    /// Runs the loop on the calling thread. Never returns.
     void exec() override;
 
 protected:
-    // Sets the pending flag (wake-ups before exec() write nothing) and creates the pipe.
+    /// Sets the pending flag (wake-ups before exec() write nothing) and creates the pipe.
     ltLinuxSelectMainLoop();
 
-    // What exec() keeps in its frame from pass to pass.
+    /// What exec() keeps in its frame from pass to pass.
     struct PassState {
-        fd_set builtRead, builtWrite, builtException;  // filled from the handle table
-        int highestFd;
+        ///@{
+        /// The descriptor sets as last built from the handle table.
+        fd_set builtRead, builtWrite, builtException;
+        ///@}
+        int highestFd;  ///< highest descriptor of the last rebuild, -1 for none
     };
-    // exec() is beginExec(s) followed by runOnePass(s) for ever; tests drive passes singly.
+    ///@{
+    /// exec() is beginExec(s) followed by runOnePass(s) for ever; tests drive passes singly.
     void beginExec(PassState& s);
     void runOnePass(PassState& s);
+    ///@}
 
+    /// The wake-up pipe's read end.
     int pipeReadFd() const { return pipeRead_; }
 
 private:

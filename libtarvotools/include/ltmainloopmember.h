@@ -1,9 +1,10 @@
 //===- ltmainloopmember.h - Something the main loop runs on every pass ----===//
-//
-// A registered member (chiefly an ltEventQueue) is asked on every pass of the loop, on the
-// loop thread and with no loop mutex held, for its next piece of work until it says that it
-// has nothing more.
-//
+///
+/// \class ltMainLoopMember
+/// A registered member (chiefly an ltEventQueue) is asked on every pass of the loop, on the
+/// loop thread and with no loop mutex held, for its next piece of work until it says that it
+/// has nothing more.
+///
 //===----------------------------------------------------------------------===//
 #ifndef LTMAINLOOPMEMBER_H
 #define LTMAINLOOPMEMBER_H
@@ -12,8 +13,8 @@
 
 class LT_EXPORT ltMainLoopMember {
 public:
-    // Does one piece of work. 0 asks to be called again at once; any other value means that
-    // nothing more is to be done on this pass. Loop thread only.
+    /// Does one piece of work. 0 asks to be called again at once; any other value means that
+    /// nothing more is to be done on this pass. Loop thread only.
     virtual int processNextEvent() = 0;
     virtual ~ltMainLoopMember();
 };

@@ -1,12 +1,13 @@
 //===- ltrandom.h - A per-object pseudo-random source ---------------------===//
-//
-// ltrandom draws with rand_r on a seed of its own, taken from the nanoseconds of the
-// monotonic clock at construction, so separate objects (and threads) never share hidden
-// state. Not for cryptography: the range reduction is a plain modulo with its slight bias.
-//
-// No lock is taken: one thread at a time per object; separate objects on separate threads
-// are fine.
-//
+///
+/// \class ltrandom
+/// ltrandom draws with rand_r on a seed of its own, taken from the nanoseconds of the
+/// monotonic clock at construction, so separate objects (and threads) never share hidden
+/// state. Not for cryptography: the range reduction is a plain modulo with its slight bias.
+///
+/// No lock is taken: one thread at a time per object; separate objects on separate threads
+/// are fine.
+///
 //===----------------------------------------------------------------------===//
 #ifndef LTRANDOM_H
 #define LTRANDOM_H
@@ -15,13 +16,13 @@
 
 class LT_EXPORT ltrandom {
 public:
-    // Seeds from the monotonic clock's nanoseconds. Should the clock fail, the seed is left
-    // as the object's storage held it: there is no fallback seed (kept as it stands).
+    /// Seeds from the monotonic clock's nanoseconds. Should the clock fail, the seed is left
+    /// as the object's storage held it: there is no fallback seed (kept as it stands).
     ltrandom();
 
-    // A pseudo-random value from 0 to n inclusive (rand_r() % (n + 1)); every call advances
-    // the seed, get(0) included. n must be below 4294967295: there n + 1 wraps to 0 and the
-    // division traps (SIGFPE).
+    /// A pseudo-random value from 0 to n inclusive (rand_r() % (n + 1)); every call advances
+    /// the seed, get(0) included. n must be below 4294967295: there n + 1 wraps to 0 and the
+    /// division traps (SIGFPE).
     unsigned int get(unsigned int n);
 
 private:

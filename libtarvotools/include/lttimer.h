@@ -1,13 +1,14 @@
 //===- lttimer.h - One shared timer record for ltTimerQueue ---------------===//
-//
-// ltTimer is the record a timer queue keeps per timer: the absolute time of its next expiry,
-// its re-arm period and whether a queue currently holds it. Timers are always handled through
-// boost::shared_ptr<ltTimer>; a queue holds one strong reference to each timer it keeps, so a
-// queued timer lives on after every other holder has let it go.
-//
-// The record does no waiting and takes no lock. Its fields are written only by ltTimerQueue
-// (see lttimerqueue.h); the caller serialises every use of a timer and of the queue holding it.
-//
+///
+/// \class ltTimer
+/// ltTimer is the record a timer queue keeps per timer: the absolute time of its next expiry,
+/// its re-arm period and whether a queue currently holds it. Timers are always handled through
+/// boost::shared_ptr<ltTimer>; a queue holds one strong reference to each timer it keeps, so a
+/// queued timer lives on after every other holder has let it go.
+///
+/// The record does no waiting and takes no lock. Its fields are written only by ltTimerQueue
+/// (see lttimerqueue.h); the caller serialises every use of a timer and of the queue holding it.
+///
 //===----------------------------------------------------------------------===//
 #ifndef LTTIMER_H
 #define LTTIMER_H
@@ -26,30 +27,30 @@ static_assert(sizeof(_cspOsalTime_struct) == 16 && alignof(_cspOsalTime_struct) 
 
 class LT_EXPORT ltTimer {
 public:
-    // The tag every timer carries, whatever it is used for; getType() returns it.
+    /// The tag every timer carries, whatever it is used for; getType() returns it.
     static constexpr uint32_t kType = 0xA2D4901F;
 
-    // An idle timer: tag set, timeout and period zero, not active.
+    /// An idle timer: tag set, timeout and period zero, not active.
     ltTimer();
     virtual ~ltTimer();
 
-    // A new idle timer owned by a new shared pointer; an empty pointer when memory runs out.
+    /// A new idle timer owned by a new shared pointer; an empty pointer when memory runs out.
     static boost::shared_ptr<ltTimer> create();
 
-    // The type tag (always kType).
+    /// The type tag (always kType).
     uint32_t getType() const;
 
-    // Absolute time of the next expiry, on the clock of the 'now' given to getExpired().
+    /// Absolute time of the next expiry, on the clock of the 'now' given to getExpired().
     const _cspOsalTime_struct& getTimeout() const;
 
-    // The re-arm interval as it was set (not normalised).
+    /// The re-arm interval as it was set (not normalised).
     const _cspOsalTime_struct& getPeriod() const;
 
-    // True while a queue holds the timer. One timer set in two queues shares this one flag.
+    /// True while a queue holds the timer. One timer set in two queues shares this one flag.
     bool isActive() const;
 
-    // True when the period, normalised, is strictly positive: such a timer is re-armed by
-    // getExpired(); any other timer is one-shot. The stored period is not changed.
+    /// True when the period, normalised, is strictly positive: such a timer is re-armed by
+    /// getExpired(); any other timer is one-shot. The stored period is not changed.
     bool isReoccuring() const;
 
 private:

@@ -15,9 +15,9 @@ namespace {
 
 // True when the header in front of p carries the magic. For a foreign block these bytes lie
 // before the allocation (the C library's own bookkeeping), for a freed block in released
-// memory: reading them is what lets free() ignore both, so the address sanitizer is told to
-// let this one read through.
-__attribute__((no_sanitize("address"))) bool hasMagic(const unsigned char* header)
+// memory: reading them is what lets free() ignore both, so the address and thread sanitizers
+// are told to let this one read through.
+__attribute__((no_sanitize("address", "thread"))) bool hasMagic(const unsigned char* header)
 {
     for (size_t i = 0; i < sizeof kLfcBlockMagic; ++i) {
         if (header[i] != kLfcBlockMagic[i])

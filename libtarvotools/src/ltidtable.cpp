@@ -8,6 +8,10 @@ namespace {
 
 constexpr int kNumEntryMasks = 5;
 constexpr uint32_t kWholeWord = 0xFFFFFFFFu;
+// The capacity field is 16 bits wide: 1 << 15 slots is the most a table can have.
+constexpr int kMostBits = 15;
+
+bool bitsFit(int bits) { return bits >= 0 && bits <= kMostBits; }
 
 // Removal results.
 constexpr int kRemoveEmpty = -1;
@@ -24,12 +28,14 @@ ltIdTable::ltIdTable(int entrySize_, int initialBits_, int maxBits_, bool freeIs
       currentBits(static_cast<uint8_t>(initialBits_)),
       freeIsZero(freeIsZero_),
       count(0),
-      capacity(static_cast<uint16_t>(1u << initialBits_)),
+      capacity(static_cast<uint16_t>(bitsFit(initialBits_) ? 1u << initialBits_ : 0u)),
       keyMask(entrySize_ >= 0 && entrySize_ < kNumEntryMasks ? entryMaskes_[entrySize_] : kWholeWord),
       entrySize(entrySize_),
       cursor(0),
       slots(nullptr)
 {
+    if (capacity == 0 || entrySize < 1)
+        return;  // sizes the table cannot have: no slots, every put fails
     const size_t bytes = static_cast<size_t>(capacity) * static_cast<size_t>(entrySize);
     slots = static_cast<uint8_t*>(std::malloc(bytes));
     if (slots != nullptr)
@@ -58,9 +64,14 @@ int ltIdTable::putMember(void* record)
 {
     if (record == nullptr || slots == nullptr || keyOf(record) == freePattern())
         return 0;  // a free-looking record could not be told from an empty slot
+    if (entrySize < 1)
+        return 0;  // a record of no bytes reads as in use everywhere: no slot would do
 
     if (count == capacity - 1) {
-        if (capacity == (1u << maxBits))
+        // Full at the largest size. A limit past what the capacity field holds stops at
+        // 1 << 15 slots, and a table built above its limit does not grow.
+        const uint32_t largest = 1u << (bitsFit(maxBits) ? maxBits : kMostBits);
+        if (capacity >= largest)
             return 0;
         const size_t half = static_cast<size_t>(capacity) * static_cast<size_t>(entrySize);
         auto* grown = static_cast<uint8_t*>(std::realloc(slots, half * 2));

@@ -23,7 +23,8 @@ ltimghash::~ltimghash()
 
 bool ltimghash::update(const unsigned char* data, unsigned int length)
 {
-    if (mdCtx == nullptr || EVP_DigestUpdate(mdCtx, data, length) != 1) {
+    // Null data with a length would be read by OpenSSL: a failed step like any other.
+    if (mdCtx == nullptr || (data == nullptr && length != 0) || EVP_DigestUpdate(mdCtx, data, length) != 1) {
         failed = true;
         return false;
     }

@@ -180,6 +180,8 @@ extern "C" {
 
 void lt_md5_init(lt_md5_state_t* pms)
 {
+    if (pms == nullptr)
+        return;
     pms->count[0] = 0;
     pms->count[1] = 0;
     pms->abcd[0] = kInitA;
@@ -190,7 +192,7 @@ void lt_md5_init(lt_md5_state_t* pms)
 
 void lt_md5_append(lt_md5_state_t* pms, const void* data, int nbytes)
 {
-    if (nbytes <= 0)
+    if (pms == nullptr || data == nullptr || nbytes <= 0)
         return;
 
     const auto* p = static_cast<const unsigned char*>(data);
@@ -225,6 +227,8 @@ void lt_md5_append(lt_md5_state_t* pms, const void* data, int nbytes)
 
 void lt_md5_finish(lt_md5_state_t* pms, unsigned char digest[16])
 {
+    if (pms == nullptr || digest == nullptr)
+        return;
     static const unsigned char kPadding[kBlockSize] = {0x80};
 
     unsigned char length[8];
@@ -265,7 +269,7 @@ LTmd5::~LTmd5() = default;
 
 int LTmd5::getHash(unsigned char* out, unsigned int size) const
 {
-    if (size != kDigestSize)
+    if (size != kDigestSize || out == nullptr)
         return lt_internal::kBadArgument;
     std::memcpy(out, digest, kDigestSize);
     return lt_internal::kOk;

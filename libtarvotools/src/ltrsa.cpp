@@ -94,6 +94,8 @@ bool ltrsa::decryptSignature(const unsigned char* from, unsigned char* to)
         LT_DEBUG(kLtDebugLevelDefault, "decryptSignature", "Public key not properly intialized\n");
         return false;
     }
+    if (from == nullptr || to == nullptr)
+        return false;  // no block to work on: a failed operation
     return RSA_public_decrypt(LTSIGNATURE_SIZE, from, to, key, RSA_NO_PADDING) == LTSIGNATURE_SIZE;
 }
 
@@ -104,5 +106,7 @@ bool ltrsa::encryptSignature(const unsigned char* from, unsigned char* to)
         LT_DEBUG(kLtDebugLevelDefault, "encryptSignature", "Public key not properly intialized\n");
         return false;
     }
+    if (from == nullptr || to == nullptr)
+        return false;  // no block to work on: a failed operation
     return RSA_public_encrypt(LTSIGNATURE_SIZE, from, to, key, RSA_NO_PADDING) == LTSIGNATURE_SIZE;
 }
