@@ -29,16 +29,22 @@ ARM_CMAKE_FLAGS ?=
 
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: deps configure build demo test test-asan test-tsan install-check clean
-
-deps:
-	@missing=$$(for p in $(DEB_PACKAGES); do dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null \
+# $(call install-missing,PACKAGES[,APT-FLAGS]): installs those of the Debian PACKAGES that are
+# missing.
+define install-missing
+	@missing=$$(for p in $(1); do dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null \
 	  | grep -q 'install ok installed' || echo $$p; done); \
 	if [ -n "$$missing" ]; then \
 	  echo "installing:" $$missing; \
 	  $(SUDO) apt-get update -qq && \
-	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq $$missing </dev/null; \
+	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq $(2) $$missing </dev/null; \
 	fi
+endef
+
+.PHONY: deps configure build demo test test-asan test-tsan install-check clean
+
+deps:
+	$(call install-missing,$(DEB_PACKAGES))
 
 $(BUILD)/CMakeCache.txt: | deps
 	cmake -S . -B $(BUILD) $(CMAKE_FLAGS)
@@ -74,14 +80,7 @@ clean:
 .PHONY: deps-arm test-arm
 
 deps-arm:
-	@missing=$$(for p in $(ARM_DEB_PACKAGES); do dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null \
-	  | grep -q 'install ok installed' || echo $$p; done); \
-	if [ -n "$$missing" ]; then \
-	  echo "installing:" $$missing; \
-	  $(SUDO) apt-get update -qq && \
-	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq --no-install-recommends \
-	    $$missing </dev/null; \
-	fi
+	$(call install-missing,$(ARM_DEB_PACKAGES),--no-install-recommends)
 	sh cmake/armhf-sysroot.sh $(ARM_SYSROOT)
 
 test-arm: deps deps-arm
@@ -99,13 +98,7 @@ FUZZ_SECONDS ?= 60
 .PHONY: deps-fuzz fuzz
 
 deps-fuzz:
-	@missing=$$(for p in $(FUZZ_DEB_PACKAGES); do dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null \
-	  | grep -q 'install ok installed' || echo $$p; done); \
-	if [ -n "$$missing" ]; then \
-	  echo "installing:" $$missing; \
-	  $(SUDO) apt-get update -qq && \
-	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq $$missing </dev/null; \
-	fi
+	$(call install-missing,$(FUZZ_DEB_PACKAGES))
 
 fuzz: deps deps-fuzz
 	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
@@ -122,13 +115,7 @@ LT_VERSION := $(shell sed -n 's/^project.libtarvotools-mt VERSION \([0-9.]*\).*/
 .PHONY: deps-docs docs
 
 deps-docs:
-	@missing=$$(for p in $(DOCS_DEB_PACKAGES); do dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null \
-	  | grep -q 'install ok installed' || echo $$p; done); \
-	if [ -n "$$missing" ]; then \
-	  echo "installing:" $$missing; \
-	  $(SUDO) apt-get update -qq && \
-	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq $$missing </dev/null; \
-	fi
+	$(call install-missing,$(DOCS_DEB_PACKAGES))
 
 docs: deps-docs
 	rm -rf $(BUILD)/docs && mkdir -p $(BUILD)/docs
@@ -145,13 +132,7 @@ PACKAGE_DEB_PACKAGES = file
 .PHONY: deps-package package package-check
 
 deps-package:
-	@missing=$$(for p in $(PACKAGE_DEB_PACKAGES); do dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null \
-	  | grep -q 'install ok installed' || echo $$p; done); \
-	if [ -n "$$missing" ]; then \
-	  echo "installing:" $$missing; \
-	  $(SUDO) apt-get update -qq && \
-	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq $$missing </dev/null; \
-	fi
+	$(call install-missing,$(PACKAGE_DEB_PACKAGES))
 
 package: build deps-package
 	rm -f $(BUILD)/*.deb
