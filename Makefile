@@ -8,6 +8,7 @@
 #   make fuzz        build the libFuzzer targets with clang and run each for FUZZ_SECONDS
 #   make install-check  install into a temporary prefix and build programs against it
 #   make test-arm    cross-build for armhf and run the whole suite under qemu-arm
+#   make check-exports  the exported names of both builds against the library's interface
 #   make docs        the API reference (Doxygen) in $(BUILD)/docs/html; warnings fail it
 #   make package     the Debian packages libtarvotools-mt and libtarvotools-mt-dev in $(BUILD)
 #   make package-check  install both packages, build a program against them, remove them
@@ -88,6 +89,13 @@ test-arm: deps deps-arm
 	  -DLT_ARM_SYSROOT=$(abspath $(ARM_SYSROOT)) $(ARM_CMAKE_FLAGS)
 	cmake --build $(ARM_BUILD) -j$(JOBS)
 	cd $(ARM_BUILD) && ctest --output-on-failure --no-tests=error -j$(JOBS)
+
+# The dynamic symbols of both builds ($(BUILD) for x86-64, $(ARM_BUILD) for armhf, made by
+# test-arm) against the interface listed in .ci/check-exports: all of it, and nothing else.
+.PHONY: check-exports
+
+check-exports: build
+	sh .ci/check-exports $(BUILD) $(ARM_BUILD)
 
 # libFuzzer targets (fuzz/): clang with AddressSanitizer and UndefinedBehaviorSanitizer. Each
 # target runs for FUZZ_SECONDS from its seed corpus in fuzz/corpus/<target>; any finding fails.

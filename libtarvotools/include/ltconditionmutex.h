@@ -36,6 +36,7 @@ public:
     int broadcast();
 
 private:
+    friend struct ltAbiLayout;  // the ABI test reads the field offsets; nothing else
     pthread_mutex_t* outside_;  // optional outside mutex, read by ltGuard first
     pthread_mutex_t own_;
     pthread_cond_t cond_;

@@ -69,6 +69,7 @@ public:
     void print(const boost::property_tree::ptree& tree, int depth) const;
 
 private:
+    friend struct ltAbiLayout;  // the ABI test reads the field offsets; nothing else
     std::string configurationFilePath_;
     std::string initError_;               // empty when nothing went wrong
     boost::property_tree::ptree tree_;    // empty unless the file was read without error

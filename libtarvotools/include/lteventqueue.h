@@ -129,6 +129,7 @@ public:
     static int cbEventHandlerTimeOut(int id, const ltTime& expiry, void* handler);
 
 private:
+    friend struct ltAbiLayout;  // the ABI test reads the field offsets; nothing else
     ltTime knownTimeLocked() const;
     void putBack(ltEvent& event, const ltTime& known);
     void finish(ltEvent* event);

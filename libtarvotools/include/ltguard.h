@@ -51,6 +51,7 @@ public:
     int unlock();
 
 private:
+    friend struct ltAbiLayout;  // the ABI test reads the field offsets; nothing else
     pthread_mutex_t* mutex() const;
 
     pthread_mutex_t* direct_;  // the mutex to use; may be null

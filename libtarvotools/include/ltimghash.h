@@ -51,6 +51,7 @@ public:
     uint32_t getByteCount() const { return byteCount; }
 
 private:
+    friend struct ltAbiLayout;  // the ABI test reads the field offsets; nothing else
     unsigned char digest[kDigestSize];  // zero until finalize
     bool finalized;                     // finalize was called, successful or not
     bool failed;                        // some OpenSSL step failed; never cleared

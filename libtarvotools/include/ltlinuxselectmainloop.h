@@ -66,6 +66,7 @@ protected:
     int pipeReadFd() const { return pipeRead_; }
 
 private:
+    friend struct ltAbiLayout;  // the ABI test reads the field offsets; nothing else
     ltTime fireDueTimers(const ltTime& now);
     void runMembersUntilIdle();
     void rebuildDescriptorSetsIfDirty(PassState& s);

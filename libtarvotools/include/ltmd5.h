@@ -66,6 +66,7 @@ public:
     std::string toString();
 
 private:
+    friend struct ltAbiLayout;  // the ABI test reads the field offsets; nothing else
     std::string text;                    // copy of the constructor's argument
     std::string hex;                     // empty until the first toString
     unsigned char digest[kDigestSize];  // MD5 of text

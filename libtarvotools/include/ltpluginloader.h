@@ -52,6 +52,7 @@ public:
     int unload();
 
 private:
+    friend struct ltAbiLayout;  // the ABI test reads the field offsets; nothing else
     void* handle;  // from dlopen; null until a load succeeds, never reset
     char* uri;     // owned copy of the path (strdup / free); null until setURI
 };

@@ -64,6 +64,7 @@ public:
     bool encryptSignature(const unsigned char* from, unsigned char* to);
 
 private:
+    friend struct ltAbiLayout;  // the ABI test reads the field offsets; nothing else
     RSA* key;         // made in the constructor before the file is opened; never released
     bool keyInvalid;  // the file could not be opened or lacked a field
 };

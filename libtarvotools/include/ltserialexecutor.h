@@ -52,6 +52,7 @@ public:
     void run();
 
 private:
+    friend struct ltAbiLayout;  // the ABI test reads the field offsets; nothing else
     // Declared in construction order; the worker comes last so it starts on a built object.
     std::deque<boost::function<void ()>> queue;  // jobs not yet started, oldest first
     bool stop;                                   // set once by the destructor, never cleared

@@ -55,6 +55,7 @@ public:
 
 private:
     friend class ltTimerQueue;  // the only writer of timeout, period and active
+    friend struct ltAbiLayout;  // the ABI test reads the field offsets; nothing else
 
     uint32_t type;                // kType, set once by the constructor
     _cspOsalTime_struct timeout;  // absolute time of the next expiry

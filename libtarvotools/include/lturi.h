@@ -248,6 +248,7 @@ public:
     std::string getUri() const;
 
 private:
+    friend struct ltAbiLayout;  // the ABI test reads the field offsets; nothing else
     mutable std::string uri_;  // the parsed text, or the last composition of getUri()
     std::string scheme_;       // always lower case
     std::string authority_;
