@@ -1,32 +1,23 @@
 //===- badinput_test.cpp - Every public operation given input it must survive ===//
 //
-// Null pointers, negative and oversized sizes and times, unterminated and huge texts, missing
-// and unreadable files, truncated encrypted files and key files with overlong lines. Each
-// call must give its documented answer (a code, a default, a message) and nothing worse; the
-// suite runs under AddressSanitizer, UndefinedBehaviorSanitizer and ThreadSanitizer, so an
-// out-of-bounds access or an overflow fails here even where a plain build would go on. The
-// one documented trap, ltrandom::get(4294967295), is checked to be a trap.
+// Null pointers, negative and oversized sizes and times, huge texts, missing and unreadable
+// files, truncated encrypted files and overlong key lines, grouped per class: each call must
+// give its documented answer and nothing worse. The suite also runs under the sanitizers, so
+// an out-of-bounds access or an overflow fails here even where a plain build would go on.
 //
 //===----------------------------------------------------------------------===//
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/select.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <array>
 #include <climits>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <fstream>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -57,12 +48,7 @@
 
 namespace {
 
-using crypto_test::Bytes;
-using crypto_test::readFile;
-using crypto_test::TempDir;
-using crypto_test::writeFile;
-
-// -- time and main loop -----------------------------------------------------------------
+using namespace crypto_test;
 
 struct PassLoop : ltLinuxSelectMainLoop {
     using ltLinuxSelectMainLoop::beginExec;
@@ -82,21 +68,16 @@ int ignoreTimer(int, const ltTime&, void*) { return 0; }
 
 TEST(BadInputTime, ExtremeValuesWrapLikeThe32BitFieldsInsteadOfOverflowing)
 {
-    // Far outside any real time, but must not be undefined behaviour: the fields wrap.
     const ltTime sum = ltTimeAdd(ltTime(INT32_MAX, 999999), ltTime(1, 1));
-    EXPECT_EQ(INT32_MIN + 1, sum.sec);
-    EXPECT_EQ(0, sum.usec);
+    EXPECT_EQ(ltTime(INT32_MIN + 1, 0), sum);
     EXPECT_EQ(INT32_MIN, ltTimeAdd(ltTime(INT32_MAX, 0), ltTime(1, 0)).sec);
-
     ltTime t(INT32_MIN, -999999);
     t -= ltTime(1, 999999);  // the seconds wrap to positive, then the usual normalisation
     EXPECT_EQ(ltTime(INT32_MAX - 2, 2), t);
     ltTime u(0, INT32_MIN);
-    u -= ltTime(0, INT32_MAX);         // usec wraps to 1, then plain normalisation
+    u -= ltTime(0, INT32_MAX);  // usec wraps to 1, then plain normalisation
     EXPECT_EQ(ltTime(0, 1), u);
-    const ltTime ms = ltTimeFromMs(INT_MIN);
-    EXPECT_EQ(INT_MIN / 1000, ms.sec);
-    EXPECT_EQ(INT_MIN % 1000 * 1000, ms.usec);
+    EXPECT_EQ(ltTime(INT_MIN / 1000, INT_MIN % 1000 * 1000), ltTimeFromMs(INT_MIN));
 }
 
 TEST(BadInputMainLoop, HandlesAndTimersNobodyCouldWatchAreHarmless)
@@ -105,7 +86,6 @@ TEST(BadInputMainLoop, HandlesAndTimersNobodyCouldWatchAreHarmless)
     PassLoop::PassState s;
     loop.beginExec(s);
     int calls = 0;
-
     // -1 reads as a free slot and cannot be added; other negative descriptors and those past
     // what select() can watch are stored but never watched or dispatched.
     EXPECT_EQ(0, loop.doAddIOHandle(handleRead, handleNoFlags, -1, countCall, &calls));
@@ -114,7 +94,6 @@ TEST(BadInputMainLoop, HandlesAndTimersNobodyCouldWatchAreHarmless)
     EXPECT_NE(0, far);
     EXPECT_NE(0, loop.doAddIOHandle(static_cast<handleType_t>(3), handleNoFlags, FD_SETSIZE, countCall, &calls));
     EXPECT_NE(0, loop.doAddIOHandle(static_cast<handleType_t>(0x7f), handleNoFlags, 0, countCall, &calls));
-
     int fds[2];
     ASSERT_EQ(0, pipe(fds));
     ASSERT_EQ(1, write(fds[1], "x", 1));
@@ -127,52 +106,39 @@ TEST(BadInputMainLoop, HandlesAndTimersNobodyCouldWatchAreHarmless)
     }
     EXPECT_EQ(1, calls);  // the pipe, once
     loop.removeIOHandle(far);
-
-    // Nonsense ids are ignored.
-    loop.removeIOHandle(0);
-    loop.removeIOHandle(INT_MIN);
-    loop.removeTimer(0);
-    loop.removeTimer(-1);
-    loop.removeTimer(INT_MAX);
+    for (int id : {0, INT_MIN})  // nonsense ids are ignored
+        loop.removeIOHandle(id);
+    for (int id : {0, -1, INT_MAX})
+        loop.removeTimer(id);
 
     // Periods and times at the ends of the range: accepted (ids), no overflow.
-    const int huge = loop.doAddTimer(timerPeriodic, ltTime::noTime, ltTime(INT32_MAX, 999999), ignoreTimer, nullptr);
-    EXPECT_NE(0, huge);
-    const int past = loop.doAddTimer(timerAbsolute, ltTime(INT32_MIN, -999999), ltTime::noTime, ignoreTimer, nullptr);
-    EXPECT_NE(0, past);
-    const int future = loop.doAddTimer(timerAbsolute | timerPeriodic, ltTime(INT32_MAX, 999999),
-                                       ltTime(INT32_MAX, INT32_MAX), ignoreTimer, nullptr);
-    EXPECT_NE(0, future);
+    const int timers[] = {
+        loop.doAddTimer(timerPeriodic, ltTime::noTime, ltTime(INT32_MAX, 999999), ignoreTimer, nullptr),
+        loop.doAddTimer(timerAbsolute, ltTime(INT32_MIN, -999999), ltTime::noTime, ignoreTimer, nullptr),
+        loop.doAddTimer(timerAbsolute | timerPeriodic, ltTime(INT32_MAX, 999999), ltTime(INT32_MAX, INT32_MAX),
+                        ignoreTimer, nullptr)};
     (void)loop.getNextWakeupTime();
     loop.processTimeouts();
-    loop.removeTimer(huge);
-    loop.removeTimer(past);
-    loop.removeTimer(future);
+    for (int id : timers) {
+        EXPECT_NE(0, id);
+        loop.removeTimer(id);
+    }
     (void)close(fds[0]);
     (void)close(fds[1]);
 }
 
-// -- containers -------------------------------------------------------------------------
-
 TEST(BadInputIdTable, ImpossibleGeometriesHandOutNoIdsAndNeverGrowPastTheirLimit)
 {
-    // Records of no bytes would read as in use everywhere.
     uint32_t record = 0x12345678;
-    for (bool freeIsZero : {true, false}) {
-        ltIdTable none(0, 2, 4, freeIsZero);
-        EXPECT_EQ(0, none.putMember(&record));
-        EXPECT_EQ(-1, none.removeMember(1));
+    // Records of no bytes would read as in use everywhere; bit counts negative or beyond what
+    // the 16-bit capacity holds give no table at all.
+    const struct { int entrySize, bits, maxBits; bool freeIsZero; } impossible[] = {
+        {0, 2, 4, true}, {0, 2, 4, false}, {-4, 2, 4, true}, {4, -1, 15, true}, {4, 16, 15, true}, {4, 40, 15, true}};
+    for (const auto& g : impossible) {
+        ltIdTable t(g.entrySize, g.bits, g.maxBits, g.freeIsZero);
+        EXPECT_EQ(0, t.putMember(&record)) << g.entrySize << "/" << g.bits;
+        EXPECT_EQ(-1, t.removeMember(1)) << g.entrySize << "/" << g.bits;
     }
-    ltIdTable negative(-4, 2, 4, true);
-    EXPECT_EQ(0, negative.putMember(&record));
-
-    // Bit counts beyond what the 16-bit capacity holds, or negative: no table at all.
-    for (int bits : {-1, 16, 40}) {
-        ltIdTable t(4, bits, 15, true);
-        EXPECT_EQ(0, t.putMember(&record)) << bits;
-        EXPECT_EQ(-1, t.removeMember(1)) << bits;
-    }
-
     // Starting above its limit, a table fills what it has and does not grow.
     ltIdTable above(4, 4, 2, true);
     for (int i = 1; i < 16; ++i) {
@@ -181,7 +147,6 @@ TEST(BadInputIdTable, ImpossibleGeometriesHandOutNoIdsAndNeverGrowPastTheirLimit
     }
     EXPECT_EQ(0, above.putMember(&record));
     EXPECT_EQ(16, above.capacity);
-
     // A limit past 15 bits stops at 32768 slots instead of wrapping the capacity to 0.
     ltIdTable wide(4, 14, 20, true);
     int refused = 0;
@@ -205,7 +170,6 @@ TEST(BadInputPointerList, RefusesWhatItCannotHoldAndAnswersOutOfRangeWithNothing
     }
     EXPECT_EQ(0u, ltPointerList::createStorage(-5, true));
     ltPointerList::freeStorage(0);
-
     ltPointerList list;
     EXPECT_EQ(-1, list.addPointer(nullptr));
     EXPECT_EQ(-1, list.addPointer(reinterpret_cast<char*>(&objects[0]) + 2));
@@ -240,7 +204,6 @@ TEST(BadInputSortedList, NonsenseSizesLeaveAnEmptyListThatStillWorks)
     CountingList list(8, -3, 0, -100);  // no first block; growth below zero means "to what is asked"
     EXPECT_EQ(0, list.capacity);
     EXPECT_EQ(0, list.add(record));
-    EXPECT_EQ(1, list.count);
     EXPECT_EQ(1, list.capacity);
     EXPECT_EQ(0, list.add(nullptr));
     list.remove(static_cast<void*>(nullptr));
@@ -258,8 +221,6 @@ TEST(BadInputSortedList, NonsenseSizesLeaveAnEmptyListThatStillWorks)
     EXPECT_EQ(0, list.destroyed);
 }
 
-// -- event system -----------------------------------------------------------------------
-
 TEST(BadInputCountedMemory, NullForeignAndOverflowingRequestsAreRefusedOrIgnored)
 {
     const int32_t base = lfcUtilMallocUsed;
@@ -274,16 +235,15 @@ TEST(BadInputCountedMemory, NullForeignAndOverflowingRequestsAreRefusedOrIgnored
 
     static lfcObject o;
     lfcVector v;
-    EXPECT_EQ(-1, v.insert(o, INT_MIN));
-    EXPECT_EQ(-1, v.remove(INT_MAX, 1));
-    EXPECT_EQ(-1, v.remove(-1, 1));
-    EXPECT_EQ(-1, v.replace(o, 0));
+    const int refused[] = {v.insert(o, INT_MIN), v.remove(INT_MAX, 1), v.remove(-1, 1), v.replace(o, 0)};
+    for (int r : refused)
+        EXPECT_EQ(-1, r);
     EXPECT_EQ(-ENOMEM, v.expandTo(INT_MAX));  // more than the counted allocator takes
     EXPECT_EQ(0, v.add(o));
-    EXPECT_EQ(0, v.replace(o, INT_MIN));        // only the upper bound is checked: kept
-    EXPECT_EQ(0, v.remove(0, INT_MAX));         // cut to the end
+    EXPECT_EQ(0, v.replace(o, INT_MIN));  // only the upper bound is checked: kept
+    EXPECT_EQ(0, v.remove(0, INT_MAX));   // cut to the end
     EXPECT_EQ(0, v.getSize());
-    lfcVector never(INT_MAX, INT_MAX);          // no array, and every growth step is too big
+    lfcVector never(INT_MAX, INT_MAX);  // no array, and every growth step is too big
     EXPECT_EQ(-ENOMEM, never.add(o));
     EXPECT_EQ(0, never.getSize());
     EXPECT_EQ(-1, never.remove(o));
@@ -309,17 +269,15 @@ TEST(BadInputEventQueue, RefusesWhatItCannotTakeWithTheDocumentedErrno)
     errno = 0;
     EXPECT_EQ(-1, queue.post(*far, 0));  // already owned
     EXPECT_EQ(EBUSY, errno);
-    auto* soon = new ltEvent(0, 0, 0, 0, nullptr, 0);
-    EXPECT_EQ(0, queue.post(*soon, 0x80000000u));
+    EXPECT_EQ(0, queue.post(*new ltEvent(0, 0, 0, 0, nullptr, 0), 0x80000000u));
     queue.setMaxQueueSize(INT_MIN);  // 0 or less: unbounded
     for (int i = 0; i < 5000; ++i)
         ASSERT_EQ(0, queue.post(*new ltEvent(0, 0, 0, 0, nullptr, 0), 0));
 
     // A mask with a null string operand compares it as the empty text.
     auto* mask = new ltEventMask(ltEventMask::kMaskNone, 5, ltEventMask::kDataEqual, static_cast<const char*>(nullptr), 0);
-    const ltEvent empty(0, 0, 0, 0, "", ltEvent::kDataNotOwned), none(0, 0, 0, 0, nullptr, 0);
-    EXPECT_TRUE(mask->matches(empty));
-    EXPECT_FALSE(mask->matches(none));
+    EXPECT_TRUE(mask->matches(ltEvent(0, 0, 0, 0, "", ltEvent::kDataNotOwned)));
+    EXPECT_FALSE(mask->matches(ltEvent(0, 0, 0, 0, nullptr, 0)));
     EXPECT_FALSE(ltEventMask().isSuperSetOf(*mask));
     // Without a callback the handler would keep what it matches (nothing here); its lethal
     // time, UINT_MAX milliseconds, wraps into the past and is due at once.
@@ -334,23 +292,18 @@ TEST(BadInputEventQueue, RefusesWhatItCannotTakeWithTheDocumentedErrno)
     EXPECT_EQ(1, queue.removeEventHandlers(0, 0, nullptr, true));
 }
 
-// -- calendar time and scope meter -------------------------------------------------------
-
 TEST(BadInputCalendarTime, OutOfRangeFieldsAreRejectedAndExtremeTimesDoNotOverflow)
 {
     ltCalendarTime c;
-    EXPECT_EQ(0, c.setDate(29, 2, INT_MAX));  // INT_MAX + 1900 is no leap year, and no overflow
-    EXPECT_EQ(0, c.setDate(INT_MIN, 1, 100));
-    EXPECT_EQ(0, c.setDate(1, INT_MAX, 100));
-    EXPECT_EQ(0, c.setDate(1, 1, -1));
-    EXPECT_EQ(0, c.setTime(INT_MIN, 0, 0));
-    EXPECT_EQ(0, c.setTime(0, INT_MAX, 0));
-    EXPECT_EQ(0, c.setTime(0, 0, -1));
+    // (29, 2, INT_MAX): INT_MAX + 1900 is no leap year, and no overflow.
+    for (const auto& d : {std::array<int, 3>{29, 2, INT_MAX}, {INT_MIN, 1, 100}, {1, INT_MAX, 100}, {1, 1, -1}})
+        EXPECT_EQ(0, c.setDate(d[0], d[1], d[2])) << d[0] << "." << d[1] << "." << d[2];
+    for (const auto& t : {std::array<int, 3>{INT_MIN, 0, 0}, {0, INT_MAX, 0}, {0, 0, -1}})
+        EXPECT_EQ(0, c.setTime(t[0], t[1], t[2])) << t[0] << ":" << t[1] << ":" << t[2];
     (void)c.setDate(31, 12, INT_MAX);  // valid fields; mktime may not represent the year
     (void)c.setFromLtTime(ltTime(INT32_MAX, 999999), ltTimeZoneSpec(INT32_MAX, INT32_MAX));
     (void)c.setFromLtTime(ltTime(INT32_MIN, -999999), ltTimeZoneSpec(INT32_MIN, INT32_MIN));
-    const ltCalendarTime invalid(31, 2, 120, 25, 61, 99);
-    EXPECT_EQ(0, static_cast<const ltTime&>(invalid).sec);
+    EXPECT_EQ(0, static_cast<const ltTime&>(ltCalendarTime(31, 2, 120, 25, 61, 99)).sec);
 }
 
 TEST(BadInputScopeMeter, UnknownClocksAndNullArgumentsAreIgnored)
@@ -369,24 +322,18 @@ TEST(BadInputScopeMeter, UnknownClocksAndNullArgumentsAreIgnored)
     }
 }
 
-// -- timer queue, plug-ins, semaphore, random source ----------------------------------
-
 TEST(BadInputTimerQueue, EmptyPointersFindNothingAndOddRecordsAreQueued)
 {
     ltTimerQueue queue;
-    boost::shared_ptr<ltTimer> none;
+    boost::shared_ptr<ltTimer> none, a, b, out;
     EXPECT_EQ(-2, queue.removeTimer(none));
     EXPECT_FALSE(queue.isInQueue(none));
-
-    boost::shared_ptr<ltTimer> a, b;
     const _cspOsalTime_struct unnormal = {5, 1999999999};   // 6.999999999 s, unnormalised
     const _cspOsalTime_struct negative = {-3, -500000000};  // a negative period: one-shot
     EXPECT_EQ(0, queue.setTimer(a, unnormal, negative));
     EXPECT_FALSE(a->isReoccuring());
-    const _cspOsalTime_struct farAway = {INT64_MAX / 2, 0};
+    const _cspOsalTime_struct farAway = {INT64_MAX / 2, 0}, now = {7, 0};
     EXPECT_EQ(1, queue.setTimer(b, farAway, farAway));
-    boost::shared_ptr<ltTimer> out;
-    const _cspOsalTime_struct now = {7, 0};
     EXPECT_EQ(1, queue.getExpired(now, out));
     EXPECT_EQ(a, out);
     EXPECT_EQ(0, queue.getExpired(now, out));
@@ -417,7 +364,6 @@ TEST(BadInputSemaphore, NamesTheSystemRefusesFailAtOnceWithoutBlocking)
         EXPECT_EQ(-1, ltSemaPhoros(std::string(name)).unlock(0)) << name.size();
         EXPECT_EQ(-1, ltSemaPhoros(std::string(name)).lock(O_CREAT)) << name.size();
     }
-    EXPECT_EQ(-1, ltSemaPhoros("/lt-badinput-never-created").lock(0));
 }
 
 // The one trap the library documents: get(4294967295) divides by zero.
@@ -430,52 +376,40 @@ TEST(BadInputRandomDeathTest, GetOfTheLargestValueTraps)
     EXPECT_DEATH((void)r.get(4294967295u), "");
 }
 
-// -- configuration store and URIs ---------------------------------------------------------
-
 TEST(BadInputConfiguration, UnreadableAndMalformedFilesGiveAnErrorTextAndDefaults)
 {
     TempDir dir;
     auto write = [&](const std::string& name, const std::string& text) {
-        std::ofstream(dir.file(name), std::ios::binary) << text;
+        writeFile(dir.file(name), text);
         return dir.file(name);
     };
-    const std::vector<std::string> bad = {
-        dir.file("missing.info"),
-        write("unterminated.info", "key \"no closing quote\n"),
-        write("unmatched.info", "a {\n b 1\n"),
-        write("braces.info", "a " + std::string(20000, '{') + "\n"),
-        write("missing-include.info", "#include \"nowhere.info\"\n"),
-        write("self.info", "k v\n#include \"" + dir.file("self.info") + "\"\n"),
-    };
-    for (const std::string& path : bad) {
+    const std::string self = write("self.info", "k v\n#include \"" + dir.file("self.info") + "\"\n");
+    for (const std::string& path : {dir.file("missing.info"), write("unterminated.info", "key \"no closing quote\n"),
+                                    write("unmatched.info", "a {\n b 1\n"),
+                                    write("braces.info", "a " + std::string(20000, '{') + "\n"),
+                                    write("missing-include.info", "#include \"nowhere.info\"\n"), self}) {
         ltConfiguration config(path);
         EXPECT_TRUE(config.initError()) << path;
         EXPECT_FALSE(config.getInitError().empty()) << path;
         EXPECT_EQ("dflt", config.getString("k", "dflt")) << path;
         EXPECT_EQ(-3, config.getInteger("a/b", -3)) << path;
     }
-    EXPECT_NE(std::string::npos, ltConfiguration(dir.file("missing.info")).getInitError().find("cannot open file for reading"));
-    EXPECT_NE(std::string::npos, ltConfiguration(dir.file("self.info")).getInitError().find("include depth"));
-
+    EXPECT_NE(std::string::npos, ltConfiguration(self).getInitError().find("include depth"));
     // A directory opens but cannot be read, and binary junk: never a tree, never a crash.
-    for (const std::string& path : {dir.path(), write("binary.info", std::string("k\0\xff\x01{}\"\\\n", 9))}) {
-        ltConfiguration odd(path);
-        EXPECT_EQ("dflt", odd.getString("k/x", "dflt"));
-    }
+    for (const std::string& path : {dir.path(), write("binary.info", std::string("k\0\xff\x01{}\"\\\n", 9))})
+        EXPECT_EQ("dflt", ltConfiguration(path).getString("k/x", "dflt"));
 
     // Deep nesting is read without recursion in the reader.
-    std::string deep;
+    std::string deep, path = "n";
     for (int i = 0; i < 2000; ++i)
         deep += "n {\n";
-    deep += "leaf 7\n" + std::string(2000, '}') + "\n";
-    ltConfiguration nested(write("deep.info", deep));
-    ASSERT_FALSE(nested.initError()) << nested.getInitError();
-    std::string path = "n";
     for (int i = 1; i < 2000; ++i)
         path += "/n";
+    ltConfiguration nested(write("deep.info", deep + "leaf 7\n" + std::string(2000, '}') + "\n"));
+    ASSERT_FALSE(nested.initError()) << nested.getInitError();
     EXPECT_EQ(7, nested.getInteger(path + "/leaf", 0));
 
-    // A large file and strange keys.
+    // A large file and strange keys; a key that ends in '/' puts where lookups find it.
     std::string big;
     for (int i = 0; i < 50000; ++i)
         big += "k" + std::to_string(i) + " " + std::to_string(i) + "\n";
@@ -485,8 +419,6 @@ TEST(BadInputConfiguration, UnreadableAndMalformedFilesGiveAnErrorTextAndDefault
     EXPECT_EQ("dflt", large.getString(std::string(100000, 'k'), "dflt"));
     EXPECT_EQ("dflt", large.getString(std::string("k1\0x", 4), "dflt"));
     EXPECT_EQ(0, large.getInteger("////", 0));
-
-    // A key that ends in '/' puts where lookups of the same key find it.
     for (const std::string& key : {std::string("a/"), std::string("/"), std::string("x//"), std::string("")}) {
         large.putString(key, "v");
         EXPECT_EQ("v", large.getString(key, "dflt")) << key;
@@ -501,15 +433,10 @@ TEST(BadInputUri, HugeAndBrokenTextsParseWithoutError)
     std::string many = "dvbt://plain/search?";
     for (int i = 0; i < 20000; ++i)
         many += "k" + std::to_string(i) + "=" + std::to_string(i) + "&";
-    const std::vector<std::string> texts = {
-        std::string(1 << 20, 'x'),
-        std::string(1 << 16, ':'),
-        std::string(1 << 16, '?'),
-        std::string(1 << 16, '='),
-        std::string("a:\0//b?c=\0#\0", 12),
-        "s:", ":", "s://", "s:///", "s:?", "s:#", "s://?=&#", many,
-    };
-    for (const std::string& text : texts) {
+    for (const std::string& text : {std::string(1 << 20, 'x'), std::string(1 << 16, ':'), std::string(1 << 16, '?'),
+                                    std::string(1 << 16, '='), std::string("a:\0//b?c=\0#\0", 12), std::string("s:"),
+                                    std::string(":"), std::string("s://"), std::string("s:///"), std::string("s:?"),
+                                    std::string("s:#"), std::string("s://?=&#"), many}) {
         LtUri u(text);
         const std::string again = u.getUri();
         if (u.getScheme().empty()) {
@@ -523,27 +450,24 @@ TEST(BadInputUri, HugeAndBrokenTextsParseWithoutError)
     EXPECT_EQ(19999u, n);
     EXPECT_EQ(0, u.addQuery("big", std::string(100000, '9')));
     EXPECT_EQ(-1, u.getValue("big", n));  // beyond 32 bits: not converted, n left alone
-    EXPECT_EQ(19999u, n);
     EXPECT_EQ(-1, u.getValue("", n));
+    EXPECT_EQ(19999u, n);
     EXPECT_EQ(0, u.removeQuery(""));
     EXPECT_EQ(0, u.removeQuery("nothing"));
     u.removeQueries();
     EXPECT_EQ("dvbt://plain/search", u.getUri());
 }
 
-// -- crypto and encoding ------------------------------------------------------------------
-
 TEST(BadInputBase64, NullEmptyAndOversizedArgumentsAreRefused)
 {
     const unsigned char data[3] = {'a', 'b', 'c'};
     char* text = reinterpret_cast<char*>(0x1);  // must stay untouched
     unsigned char* out = reinterpret_cast<unsigned char*>(0x1);
-    EXPECT_EQ(-22, ltBase64::encode(nullptr, 3, &text));
-    EXPECT_EQ(-22, ltBase64::encode(data, 0, &text));
-    EXPECT_EQ(-22, ltBase64::encode(data, 0x80000000u, &text));
-    EXPECT_EQ(-22, ltBase64::decode(nullptr, 4, &out));
-    EXPECT_EQ(-22, ltBase64::decode("YWJj", 0, &out));
-    EXPECT_EQ(-22, ltBase64::decode("YWJj", UINT_MAX, &out));
+    const int refused[] = {ltBase64::encode(nullptr, 3, &text), ltBase64::encode(data, 0, &text),
+                           ltBase64::encode(data, 0x80000000u, &text), ltBase64::decode(nullptr, 4, &out),
+                           ltBase64::decode("YWJj", 0, &out), ltBase64::decode("YWJj", UINT_MAX, &out)};
+    for (int r : refused)
+        EXPECT_EQ(-22, r);
     EXPECT_EQ(reinterpret_cast<char*>(0x1), text);
     EXPECT_EQ(reinterpret_cast<unsigned char*>(0x1), out);
 
@@ -559,21 +483,19 @@ TEST(BadInputBase64, NullEmptyAndOversizedArgumentsAreRefused)
     EXPECT_EQ(size_t{3} << 18, bytes.size());
 }
 
-TEST(BadInputDigests, NullBuffersAreRefusedOrIgnored)
+TEST(BadInputDigests, NullBuffersAndStatesAreRefusedOrIgnored)
 {
     LTmd5 md5("abc");
     EXPECT_EQ(-22, md5.getHash(nullptr, 16));
     EXPECT_EQ(-22, md5.getHash(nullptr, 0));
-
     // Null data is ignored like a non-positive length, and so is a null state.
     lt_md5_state_t state;
     lt_md5_init(&state);
     lt_md5_append(&state, nullptr, 100);
     lt_md5_append(&state, "abc", -1);
     lt_md5_append(&state, "abc", 3);
-    unsigned char digest[16];
+    unsigned char digest[16], expected[16];
     lt_md5_finish(&state, digest);
-    unsigned char expected[16];
     ASSERT_EQ(0, md5.getHash(expected, sizeof expected));
     EXPECT_EQ(0, std::memcmp(expected, digest, sizeof digest));
     lt_md5_init(nullptr);
@@ -582,16 +504,17 @@ TEST(BadInputDigests, NullBuffersAreRefusedOrIgnored)
     lt_md5_finish(&state, nullptr);
 
     ltimghash hash;
+    const auto* abc = reinterpret_cast<const unsigned char*>("abc");
     EXPECT_TRUE(hash.update(nullptr, 0));
     EXPECT_FALSE(hash.update(nullptr, 10));  // a failed step: sticky
-    EXPECT_FALSE(hash.update(reinterpret_cast<const unsigned char*>("abc"), 3));
+    EXPECT_FALSE(hash.update(abc, 3));
     EXPECT_FALSE(hash.finalize());
     EXPECT_FALSE(hash.finalize());  // the context was reset: still no crash
-    EXPECT_FALSE(hash.update(reinterpret_cast<const unsigned char*>("abc"), 3));
+    EXPECT_FALSE(hash.update(abc, 3));
     EXPECT_NE(nullptr, hash.Hash());
 }
 
-TEST(BadInputCrypt, MissingUnreadableAndTruncatedFilesGiveTheirCodes)
+TEST(BadInputCrypt, MissingAndTruncatedFilesGiveTheirCodes)
 {
     TempDir dir;
     ltcrypt crypt;
@@ -602,105 +525,36 @@ TEST(BadInputCrypt, MissingUnreadableAndTruncatedFilesGiveTheirCodes)
     const Bytes full = readFile(sealed);
     ASSERT_EQ(16u + 112u, full.size());
 
-    // Every truncation: the header cut short is not a valid file; a cut body decrypts to a
+    // Every truncation: a header cut short is "not valid file"; a cut body decrypts to a
     // prefix of the plain text, and a missing final block is not an error.
     for (size_t cut = 0; cut < full.size(); cut += 5) {
         writeFile(dir.file("cut"), Bytes(full.begin(), full.begin() + static_cast<long>(cut)));
         (void)std::remove(out.c_str());
         const int r = crypt.decryptFile("pw", dir.file("cut"), out);
         const Bytes got = readFile(out);
-        if (cut < 8) {
-            EXPECT_EQ(-2, r) << cut;  // "not valid file"
-            continue;
-        }
-        EXPECT_EQ(0, r) << cut;
-        ASSERT_LE(got.size(), text.size()) << cut;
+        EXPECT_EQ(cut < 8 ? -2 : 0, r) << cut;
+        EXPECT_LE(got.size(), text.size()) << cut;
         EXPECT_TRUE(std::equal(got.begin(), got.end(), text.begin())) << cut;
     }
-
-    // Folders where files belong; the file-layer forms report open failures as codes,
-    // whatever the volume number.
-    EXPECT_EQ(-2, crypt.decryptFile("pw", sealed, dir.path()));
-    EXPECT_EQ(-1, crypt.copyFile(plain, dir.path()));
-    EXPECT_EQ(0, crypt.copyFile(dir.path(), out));  // a read error ends the copy like an end
+    // The file-layer forms report open failures as codes, whatever the volume number.
     for (int volume : {-1, 0, 12345}) {
         EXPECT_EQ(-2, crypt.decryptFile("pw", volume, dir.file("missing"), volume, out)) << volume;
         EXPECT_EQ(-2, crypt.encryptFile("pw", volume, dir.file("missing"), volume, out)) << volume;
     }
-
     // Odd passwords are only bytes to the key derivation.
     for (const std::string& password : {std::string(), std::string("\0\0", 2), std::string(1 << 20, 'p')}) {
-        ASSERT_EQ(0, crypt.encryptFile(password, plain, dir.file("odd")));
+        (void)std::remove(dir.file("odd").c_str());
         (void)std::remove(out.c_str());
+        ASSERT_EQ(0, crypt.encryptFile(password, plain, dir.file("odd")));
         EXPECT_EQ(0, crypt.decryptFile(password, dir.file("odd"), out));
         EXPECT_EQ(text, readFile(out));
-        (void)std::remove(dir.file("odd").c_str());
     }
 }
 
-// Key files live at fixed paths: the RSA cases run in a child with a private mount namespace
-// in which an empty tmpfs hides the key folder (skipped where that is not permitted).
-const std::string kKeyDir = "/usr/local/configuration/keys";
-constexpr int kNamespaceRefused = 77;
-
-bool writeAll(const char* path, const std::string& text)
-{
-    std::ofstream f(path);
-    f << text << std::flush;
-    return f.good();
-}
-
-bool privateKeyDir()
-{
-    if (geteuid() != 0) {
-        const uid_t uid = geteuid();
-        const gid_t gid = getegid();
-        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0 || !writeAll("/proc/self/setgroups", "deny") ||
-            !writeAll("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
-            !writeAll("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1"))
-            return false;
-    } else if (unshare(CLONE_NEWNS) != 0) {
-        return false;
-    }
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-        return false;
-    std::string base = kKeyDir;
-    struct stat st;
-    while (!base.empty() && (stat(base.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)))
-        base = base.substr(0, base.rfind('/'));
-    if (base.empty() || base == "/usr" || mount("lt-badinput", base.c_str(), "tmpfs", 0, "mode=0755") != 0)
-        return false;
-    for (size_t slash = kKeyDir.find('/', base.size() + 1);; slash = kKeyDir.find('/', slash + 1)) {
-        (void)mkdir(kKeyDir.substr(0, slash).c_str(), 0755);
-        if (slash == std::string::npos)
-            break;
-    }
-    return stat(kKeyDir.c_str(), &st) == 0;
-}
-
-void inPrivateKeyDir(const std::function<void()>& body)
-{
-    std::fflush(nullptr);
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        if (!privateKeyDir())
-            _exit(kNamespaceRefused);
-        body();
-        std::fflush(nullptr);
-        _exit(::testing::Test::HasFailure() ? 1 : 0);
-    }
-    int status = 0;
-    ASSERT_EQ(child, waitpid(child, &status, 0));
-    ASSERT_TRUE(WIFEXITED(status)) << "the child died with signal " << WTERMSIG(status);
-    if (WEXITSTATUS(status) == kNamespaceRefused)
-        GTEST_SKIP() << "a private mount namespace for the key files is not permitted here";
-    EXPECT_EQ(0, WEXITSTATUS(status)) << "the child reported failures (see above)";
-}
-
+// Key files live at fixed paths: runWithPrivateKeyDir hides the real ones.
 TEST(BadInputRsa, OverlongAndBrokenKeyFilesLeaveAnObjectThatFailsCleanly)
 {
-    inPrivateKeyDir([] {
+    runWithPrivateKeyDir([] {
         const std::string production = kKeyDir + "/production.key";
         unsigned char from[256] = {}, to[256];
         from[255] = 2;

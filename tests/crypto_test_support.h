@@ -1,22 +1,30 @@
-//===- crypto_test_support.h - Files, commands and data for the crypto tests -===//
+//===- crypto_test_support.h - Files, commands and keys for the crypto tests -===//
 //
 // The crypto and encoding tests use the openssl command-line tool as their peer: they write
-// files into a private temporary directory, run openssl on them and compare bytes.
+// files into a private temporary directory, run openssl on them and compare bytes. The RSA
+// tests write key files at the fixed key paths inside a private mount namespace.
 //
 //===----------------------------------------------------------------------===//
 #ifndef CRYPTO_TEST_SUPPORT_H
 #define CRYPTO_TEST_SUPPORT_H
 
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <random>
 #include <stdexcept>
 #include <string>
 #include <vector>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -30,16 +38,13 @@ public:
     TempDir()
     {
         const char* base = std::getenv("TMPDIR");
-        std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") +
-                              "/ltcrypto-XXXXXX";
-        if (mkdtemp(&pattern[0]) == nullptr)
+        path_ = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/ltcrypto-XXXXXX";
+        if (mkdtemp(&path_[0]) == nullptr)
             throw std::runtime_error("mkdtemp failed");
-        path_ = pattern;
     }
     ~TempDir() { (void)std::system(("rm -rf '" + path_ + "'").c_str()); }
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
-
     const std::string& path() const { return path_; }
     std::string file(const std::string& name) const { return path_ + "/" + name; }
 
@@ -55,9 +60,8 @@ inline Bytes readFile(const std::string& path)
 
 inline void writeFile(const std::string& path, const Bytes& data)
 {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(data.data()),
-              static_cast<std::streamsize>(data.size()));
+    std::ofstream(path, std::ios::binary | std::ios::trunc)
+        .write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
 }
 
 inline void writeFile(const std::string& path, const std::string& text)
@@ -125,6 +129,85 @@ inline std::string hexOf(const unsigned char* data, size_t size)
         out += kDigits[data[i] & 15];
     }
     return out;
+}
+
+
+// The fixed folder ltrsa reads its key files from.
+inline const std::string kKeyDir = "/usr/local/configuration/keys";
+
+inline bool writeProcFile(const char* path, const std::string& text)
+{
+    std::ofstream file(path);
+    file << text << std::flush;
+    return file.good();
+}
+
+// In a child: a private mount namespace (a user namespace of its own without root) where an
+// empty tmpfs hides kKeyDir, or its nearest existing parent. Returns "" or why it failed.
+inline std::string makePrivateKeyDir()
+{
+    const uid_t uid = geteuid();
+    const gid_t gid = getegid();
+    if (uid != 0) {
+        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0 || !writeProcFile("/proc/self/setgroups", "deny") ||
+            !writeProcFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
+            !writeProcFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1"))
+            return std::string("user namespace: ") + std::strerror(errno);
+    } else if (unshare(CLONE_NEWNS) != 0) {
+        return std::string("unshare(CLONE_NEWNS): ") + std::strerror(errno);
+    }
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)  // nothing leaks out
+        return std::string("making / private: ") + std::strerror(errno);
+    auto isDirectory = [](const std::string& path) {
+        struct stat st;
+        return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    };
+    std::string base = kKeyDir;
+    while (!base.empty() && !isDirectory(base))
+        base = base.substr(0, base.rfind('/'));
+    if (base.empty() || base == "/usr")
+        return "no directory to hide below /usr";
+    if (mount("lt-test-keys", base.c_str(), "tmpfs", 0, "mode=0755") != 0)
+        return "mounting a tmpfs over " + base + ": " + std::strerror(errno);
+    for (size_t slash = kKeyDir.find('/', base.size() + 1);; slash = kKeyDir.find('/', slash + 1)) {
+        (void)mkdir(kKeyDir.substr(0, slash).c_str(), 0755);  // an existing level fails harmlessly
+        if (slash == std::string::npos)
+            break;
+    }
+    return isDirectory(kKeyDir) ? "" : "could not create " + kKeyDir;
+}
+
+// Runs body in a child with a private key directory. The child prints its own failures; the
+// parent reports them, or skips when the namespace is refused.
+inline void runWithPrivateKeyDir(const std::function<void()>& body)
+{
+    constexpr int kSetupRefused = 77;
+    int reasonPipe[2];
+    ASSERT_EQ(0, pipe(reasonPipe));
+    std::fflush(nullptr);  // nothing buffered may be printed twice
+    const pid_t child = fork();
+    ASSERT_GE(child, 0) << std::strerror(errno);
+    if (child == 0) {
+        (void)close(reasonPipe[0]);
+        const std::string reason = makePrivateKeyDir();
+        if (!reason.empty()) {
+            (void)!write(reasonPipe[1], reason.data(), reason.size());
+            _exit(kSetupRefused);
+        }
+        body();
+        std::fflush(nullptr);
+        _exit(::testing::Test::HasFailure() ? 1 : 0);  // no second run of the exit handlers
+    }
+    (void)close(reasonPipe[1]);
+    char reason[256] = {};
+    (void)!read(reasonPipe[0], reason, sizeof reason - 1);
+    (void)close(reasonPipe[0]);
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    ASSERT_TRUE(WIFEXITED(status)) << "the child died with signal " << WTERMSIG(status);
+    if (WEXITSTATUS(status) == kSetupRefused)
+        GTEST_SKIP() << "a private mount namespace for the key files is not permitted here: " << reason;
+    EXPECT_EQ(0, WEXITSTATUS(status)) << "the child reported failures (see above)";
 }
 
 }  // namespace crypto_test

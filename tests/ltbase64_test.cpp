@@ -35,36 +35,27 @@ protected:
 
 const size_t kSizes[] = {1, 2, 3, 4, 47, 48, 49, 95, 96, 97, 1000, 100000};
 
-TEST_F(Base64Interop, EncodeWritesOpensslsLineBrokenText)
+// Both pointer routes against openssl's line-broken text, across the 48-byte line boundary.
+TEST_F(Base64Interop, PointerRoutesMatchOpensslsLineBrokenText)
 {
     for (size_t size : kSizes) {
         SCOPED_TRACE(size);
         const Bytes data = randomBytes(size, static_cast<uint32_t>(size));
         const std::string expected = opensslEncode(data, /*oneLine=*/false);
-
         char* text = nullptr;
         const int length = ltBase64::encode(data.data(), static_cast<unsigned int>(size), &text);
-        std::unique_ptr<char[]> owned(text);
+        std::unique_ptr<char[]> ownedText(text);
         ASSERT_EQ(static_cast<int>(expected.size()), length);
         EXPECT_EQ(expected, std::string(text, static_cast<size_t>(length)));
         EXPECT_EQ('\0', text[length]);
-    }
-}
-
-TEST_F(Base64Interop, PointerDecodeReadsOpensslsLineBrokenText)
-{
-    for (size_t size : kSizes) {
-        SCOPED_TRACE(size);
-        const Bytes data = randomBytes(size, static_cast<uint32_t>(size) + 9);
-        const std::string text = opensslEncode(data, /*oneLine=*/false);
 
         unsigned char* out = nullptr;
-        const int got = ltBase64::decode(text.data(), static_cast<unsigned int>(text.size()), &out);
-        std::unique_ptr<unsigned char[]> owned(out);
+        const int got = ltBase64::decode(expected.data(), static_cast<unsigned int>(expected.size()), &out);
+        std::unique_ptr<unsigned char[]> ownedOut(out);
         ASSERT_EQ(static_cast<int>(size), got);
         EXPECT_TRUE(Bytes(out, out + got) == data);
         // The rest of the buffer, as long as the text, stays zero.
-        EXPECT_TRUE(Bytes(out + got, out + text.size()) == Bytes(text.size() - size, 0));
+        EXPECT_TRUE(Bytes(out + got, out + expected.size()) == Bytes(expected.size() - size, 0));
     }
 }
 
@@ -112,20 +103,11 @@ TEST(Base64VectorDecode, StopsAtPaddingWhitespaceAndStrangers)
     EXPECT_EQ(std::string("\xfb\xff\xbf", 3), decoded("+/+/"));
 }
 
-// Null or empty input is refused with out untouched. Text the filter cannot read decodes
-// to nothing, and the zeroed buffer is still the caller's.
-TEST(Base64PointerRoutes, RefuseEmptyInputAndHandOverTheBuffer)
+// Text the filter cannot read decodes to nothing, and the zeroed buffer is still the caller's.
+// (Null and empty arguments: see badinput_test.cpp.)
+TEST(Base64PointerDecode, UnreadableTextHandsOverAZeroedBuffer)
 {
-    const unsigned char data[] = {1, 2, 3};
-    char* text = nullptr;
     unsigned char* out = nullptr;
-    EXPECT_EQ(-22, ltBase64::encode(nullptr, 3, &text));
-    EXPECT_EQ(-22, ltBase64::encode(data, 0, &text));
-    EXPECT_EQ(-22, ltBase64::decode(nullptr, 4, &out));
-    EXPECT_EQ(-22, ltBase64::decode("YWJj", 0, &out));
-    EXPECT_EQ(nullptr, text);
-    EXPECT_EQ(nullptr, out);
-
     EXPECT_LE(ltBase64::decode("!!!!", 4, &out), 0);
     std::unique_ptr<unsigned char[]> owned(out);
     ASSERT_NE(nullptr, out);

@@ -3,12 +3,8 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <functional>
 #include <iterator>
-#include <string>
-#include <vector>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -45,12 +41,8 @@ const Family kFamilies[] = {
      [](auto& pw, auto& in, auto& out) { return crypto.encryptFile(pw, in, out); },
      [](auto& pw, auto& in, auto& out) { return crypto.decryptFile(pw, in, out); }},
     {"file layer",
-     [](auto& pw, auto& in, auto& out) {
-         return crypto.encryptFile(pw, kVolume, in, kVolume, out);
-     },
-     [](auto& pw, auto& in, auto& out) {
-         return crypto.decryptFile(pw, kVolume, in, kVolume, out);
-     }},
+     [](auto& pw, auto& in, auto& out) { return crypto.encryptFile(pw, kVolume, in, kVolume, out); },
+     [](auto& pw, auto& in, auto& out) { return crypto.decryptFile(pw, kVolume, in, kVolume, out); }},
 };
 
 bool isPrefixOf(const Bytes& head, const Bytes& whole)
@@ -58,10 +50,9 @@ bool isPrefixOf(const Bytes& head, const Bytes& whole)
     return head.size() <= whole.size() && std::equal(head.begin(), head.end(), whole.begin());
 }
 
-size_t encryptedSize(size_t plainSize)
-{
-    return 16 + (plainSize / 16 + 1) * 16;  // header, then PKCS#7 always adds 1..16 bytes
-}
+
+// The header, then PKCS#7 always adds 1..16 bytes.
+size_t encryptedSize(size_t plainSize) { return 16 + (plainSize / 16 + 1) * 16; }
 
 // A private directory, and openssl enc with the password handed over in a file.
 class SaltedFiles : public ::testing::Test {
@@ -111,13 +102,10 @@ TEST_F(SaltedFiles, OpensslAgreesBothWaysAtEveryChunkBoundary)
 TEST_F(SaltedFiles, SaltIsTheClockReadingAtEncryption)
 {
     // Nanoseconds since an epoch, from the salt's two little-endian words or from a reading.
-    auto saltStamp = [](const unsigned char* s) {
-        auto word = [](const unsigned char* p) {
-            return uint64_t{p[0]} | uint64_t{p[1]} << 8 | uint64_t{p[2]} << 16 |
-                   uint64_t{p[3]} << 24;
-        };
-        return word(s + 4) * 1000000000u + word(s);
+    auto word = [](const unsigned char* p) {
+        return uint64_t{p[0]} | uint64_t{p[1]} << 8 | uint64_t{p[2]} << 16 | uint64_t{p[3]} << 24;
     };
+    auto saltStamp = [&](const unsigned char* s) { return word(s + 4) * 1000000000u + word(s); };
     auto stampOf = [](const cspOsalTime_t& t) {
         return uint64_t{uint32_t(t.sec)} * 1000000000u + uint32_t(t.nsec);
     };
@@ -246,7 +234,7 @@ TEST_F(SaltedFiles, FailuresReturnTheirCodeAndLogTheStep)
         const char* text;
     };
     const FileCall copy = [](auto&, auto& in, auto& out) { return crypto.copyFile(in, out); };
-    std::vector<Case> cases = {
+    std::vector<Case> cases = {  // the descriptor encrypt's open failures throw: see below
         {"encryptFile", kFamilies[0].encrypt, path("plain"), "/dev/full", -2, "writing"},
         {"encryptFile", kFamilies[1].encrypt, missing, path("out"), -2, "opening infile"},
         {"encryptFile", kFamilies[1].encrypt, path("plain"), nowhere, -2, "opening outfile"},
@@ -273,8 +261,7 @@ TEST_F(SaltedFiles, FailuresReturnTheirCodeAndLogTheStep)
         testing::internal::CaptureStderr();
         EXPECT_EQ(c.code, c.call(kPassword, c.in, c.out));
         const std::string log = testing::internal::GetCapturedStderr();
-        const std::string message = std::string("Error in ") + c.text + ".\n";
-        EXPECT_TRUE(hasDebugLine(log, "ltcrypt.cpp", c.func, message)) << log;
+        EXPECT_TRUE(hasDebugLine(log, "ltcrypt.cpp", c.func, std::string("Error in ") + c.text + ".\n")) << log;
         if (std::string(c.text) == "not valid file") {  // the output was made before the check
             EXPECT_EQ(0, access(c.out.c_str(), F_OK));
             EXPECT_TRUE(readFile(c.out).empty());

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <tuple>
 
 #include "ltcallbackeventhandler.h"
 #include "ltevent.h"
@@ -21,16 +22,15 @@ ltEvent keys(unsigned k1, unsigned k2 = 0, const char* data = nullptr)
 
 TEST(EventLifetime, FreesOnlyDataItOwnsAndCarriesTtlMicroseconds)
 {
-    { ltEvent none(1, 2, 3, 4, nullptr, 0); }                     // nothing to free
+    { ltEvent none(1, 2, 3, 4, nullptr, 0); }                            // nothing to free
     { ltEvent borrowed(1, 2, 3, 4, "static", ltEvent::kDataNotOwned); }  // freeing would crash
-    { ltEvent owned(1, 2, 3, 4, strdup("heap"), 0x7); }          // a leak would be reported
+    { ltEvent owned(1, 2, 3, 4, strdup("heap"), 0x7); }                  // a leak would be reported
 
     ltEvent e = keys(1);
-    ltTime stamp(10, 800000);
+    ltTime stamp(10, 800000), ttl(0, 999999);
     e.setTimeStamp(stamp);
     e.setTTL(1500);
     EXPECT_EQ(ltTime(12, 300000), e.lethalTime);
-    ltTime ttl(0, 999999);
     e.setTTL(ttl);
     EXPECT_EQ(ltTime(11, 799999), e.lethalTime);
 }
@@ -149,8 +149,7 @@ TEST(MaskBits, InvertAndGoOnActOnlyOnLongTermsSetDirectly)
 TEST(MaskSuperset, PairsTermsOfTheSameCodeByThisMasksOperator)
 {
     M le10(M::kMaskNone, 1, M::kKeyGreaterEqual, 10u, 0);  // admits key1 <= 10
-    M eq7(M::kMaskNone, 1, M::kKeyEqual, 7u, 0);
-    M eq12(M::kMaskNone, 1, M::kKeyEqual, 12u, 0);
+    M eq7(M::kMaskNone, 1, M::kKeyEqual, 7u, 0), eq12(M::kMaskNone, 1, M::kKeyEqual, 12u, 0);
     EXPECT_TRUE(le10.isSuperSetOf(eq7));
     EXPECT_FALSE(le10.isSuperSetOf(eq12));
     EXPECT_FALSE(eq7.isSuperSetOf(le10));
@@ -162,8 +161,7 @@ TEST(MaskSuperset, PairsTermsOfTheSameCodeByThisMasksOperator)
     EXPECT_TRUE(notLe10.isSuperSetOf(eq12));
 
     M prefix(M::kMaskNone, 5, M::kDataPrefix, "dvb", 0);
-    M dvbt(M::kMaskNone, 5, M::kDataEqual, "dvbt", 0);
-    M hdmi(M::kMaskNone, 5, M::kDataEqual, "hdmi", 0);
+    M dvbt(M::kMaskNone, 5, M::kDataEqual, "dvbt", 0), hdmi(M::kMaskNone, 5, M::kDataEqual, "hdmi", 0);
     EXPECT_TRUE(prefix.isSuperSetOf(dvbt));
     EXPECT_FALSE(prefix.isSuperSetOf(hdmi));
     EXPECT_FALSE(dvbt.isSuperSetOf(hdmi));
@@ -192,9 +190,8 @@ TEST(MaskClone, CopiesFlatAndRewritesTheSourcesNestedPointers)
     ASSERT_NE(nullptr, copy);
     ASSERT_EQ(2, copy->termCount);
     EXPECT_EQ(5u, copy->extra2);
-    EXPECT_EQ(outer.terms[1].code, copy->terms[1].code);
-    EXPECT_EQ(outer.terms[1].op, copy->terms[1].op);
-    EXPECT_EQ(3u, copy->terms[1].operand.value);
+    EXPECT_EQ(std::make_tuple(outer.terms[1].code, outer.terms[1].op, 3u),
+              std::make_tuple(copy->terms[1].code, copy->terms[1].op, copy->terms[1].operand.value));
     // The copy keeps the old pointer; the source now holds a new clone of the nested mask.
     EXPECT_EQ(nested, copy->terms[0].operand.mask);
     ltEventMask* fresh = outer.terms[0].operand.mask;

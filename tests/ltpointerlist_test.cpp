@@ -15,11 +15,19 @@
 namespace {
 
 // Distinct, suitably aligned addresses to store; the list never dereferences them.
-struct Objects {
-    explicit Objects(size_t n) : storage(n) {}
-    void* operator[](size_t i) { return &storage[i]; }
-    std::vector<int64_t> storage;
-};
+int64_t pool[32769];
+void* obj(int i) { return &pool[i]; }
+
+// Adds obj(0) .. obj(n - 1); returns what the list should now hold.
+std::multiset<void*> fill(ltPointerList& list, int n)
+{
+    std::multiset<void*> model;
+    for (int i = 0; i < n; ++i) {
+        EXPECT_EQ(0, list.addPointer(obj(i)));
+        model.insert(obj(i));
+    }
+    return model;
+}
 
 std::multiset<void*> contentsOf(const ltPointerList& list)
 {
@@ -44,10 +52,8 @@ void expectSameContents(const ltPointerList& list, const std::multiset<void*>& m
 // Capacity after n adds to an empty list: single, triple, array of 14, then doubling.
 int expectedCapacity(int n)
 {
-    if (n <= 1)
-        return 1;
     if (n <= 3)
-        return 3;
+        return n <= 1 ? 1 : 3;
     int capacity = 14;
     while (capacity < n)
         capacity *= 2;
@@ -56,13 +62,12 @@ int expectedCapacity(int n)
 
 TEST(PointerListGrowth, KeepsEveryPointerAcrossEachForm)
 {
-    Objects objects(60);
     ltPointerList list;
     std::multiset<void*> model;
     expectSameContents(list, model);
     for (int n = 1; n <= 60; ++n) {  // single, triple, array 14, 28, 56, 112
-        ASSERT_EQ(0, list.addPointer(objects[n - 1]));
-        model.insert(objects[n - 1]);
+        ASSERT_EQ(0, list.addPointer(obj(n - 1)));
+        model.insert(obj(n - 1));
         SCOPED_TRACE("after " + std::to_string(n) + " adds");
         EXPECT_EQ(expectedCapacity(n), list.getCurrentMaxEntries());
         expectSameContents(list, model);
@@ -74,35 +79,28 @@ TEST(PointerListGrowth, FailedDoublingLeavesTheListAsItWas)
     // 32768 slots cannot double within the 16-bit capacity field: the growth fails like an
     // allocation failure, deterministically.
     constexpr int kCapacity = 32768;
-    Objects objects(kCapacity + 1);
     ltPointerList list(kCapacity);
+    fill(list, kCapacity);
     ASSERT_EQ(kCapacity, list.getCurrentMaxEntries());
-    for (int i = 0; i < kCapacity; ++i)
-        ASSERT_EQ(0, list.addPointer(objects[i]));
 
     testing::internal::CaptureStdout();
-    EXPECT_EQ(-12, list.addPointer(objects[kCapacity]));
+    EXPECT_EQ(-12, list.addPointer(obj(kCapacity)));
     EXPECT_EQ("Not enough storage.\n", testing::internal::GetCapturedStdout());
 
     EXPECT_EQ(kCapacity, list.getCurrentMaxEntries());
     EXPECT_EQ(kCapacity, list.getNEntries());
-    EXPECT_FALSE(list.hasPointer(objects[kCapacity]));
-    EXPECT_EQ(objects[kCapacity - 1], list.getPointer(kCapacity - 1));
+    EXPECT_FALSE(list.hasPointer(obj(kCapacity)));
+    EXPECT_EQ(obj(kCapacity - 1), list.getPointer(kCapacity - 1));
 }
 
 TEST(PointerListStorage, SizedConstructorPicksTheFormAndKeepsIt)
 {
-    Objects objects(5);
     // {n, capacity}: n < 2 and sizes beyond the 16-bit field give the empty single form.
     for (auto [n, capacity] : {std::pair{-3, 1}, {1, 1}, {3, 3}, {5, 5}, {65535, 65535}, {65536, 1}}) {
         SCOPED_TRACE("n = " + std::to_string(n));
         ltPointerList list(n);
         EXPECT_EQ(capacity == 1 ? -1 : 0, list.tidyUp(false));  // -1: nothing allocated
-        std::multiset<void*> model;
-        for (int i = 0; i < std::min(capacity, 5); ++i) {  // filling keeps the form
-            ASSERT_EQ(0, list.addPointer(objects[i]));
-            model.insert(objects[i]);
-        }
+        const std::multiset<void*> model = fill(list, std::min(capacity, 5));  // filling keeps the form
         EXPECT_EQ(capacity, list.getCurrentMaxEntries());
         expectSameContents(list, model);
     }
@@ -110,29 +108,23 @@ TEST(PointerListStorage, SizedConstructorPicksTheFormAndKeepsIt)
 
 TEST(PointerListRemoval, ByIndexFollowsEachFormsRule)
 {
-    Objects objects(5);
     ltPointerList single;  // index 0 only, and only when occupied
     EXPECT_EQ(-1, single.removePointer(0));
-    ASSERT_EQ(0, single.addPointer(objects[0]));
+    ASSERT_EQ(0, single.addPointer(obj(0)));
     EXPECT_EQ(-1, single.removePointer(1));
     EXPECT_EQ(0, single.removePointer(0));
     expectSameContents(single, {});
 
     ltPointerList triple;  // index 1 and 2 refused although taken (kept behaviour)
-    for (int i = 0; i < 3; ++i)
-        ASSERT_EQ(0, triple.addPointer(objects[i]));
+    fill(triple, 3);
     for (int i : {1, 2, -1})
         EXPECT_EQ(-1, triple.removePointer(i));
     EXPECT_EQ(0, triple.removePointer(0));
     EXPECT_EQ(-1, triple.removePointer(0));  // slot 0 is free now
-    expectSameContents(triple, {objects[1], objects[2]});
+    expectSameContents(triple, {obj(1), obj(2)});
 
     ltPointerList array;  // any taken slot inside the block
-    std::multiset<void*> model;
-    for (int i = 0; i < 5; ++i) {
-        ASSERT_EQ(0, array.addPointer(objects[i]));
-        model.insert(objects[i]);
-    }
+    std::multiset<void*> model = fill(array, 5);
     for (int i : {7, 20, -1})  // free slot, past the capacity of 14, negative
         EXPECT_EQ(-1, array.removePointer(i));
     for (int i : {3, 0, 4, 1, 2}) {
@@ -147,56 +139,51 @@ TEST(PointerListRemoval, ByIndexFollowsEachFormsRule)
 
 TEST(PointerListGrowth, RefusesNullAndMisalignedButMatchesNullToAHole)
 {
-    Objects objects(3);
     ltPointerList list;
-    void* odd = static_cast<char*>(objects[0]) + 1;  // its low bit would read as a tag
+    void* odd = static_cast<char*>(obj(0)) + 1;  // its low bit would read as a tag
     EXPECT_EQ(-1, list.addPointer(nullptr));
     EXPECT_EQ(-1, list.addPointer(odd));
     EXPECT_FALSE(list.hasPointer(nullptr));  // empty lists answer false first
-    ASSERT_EQ(0, list.addPointer(objects[0]));
-    ASSERT_EQ(0, list.addPointer(objects[1]));
+    ASSERT_EQ(0, list.addPointer(obj(0)));
+    ASSERT_EQ(0, list.addPointer(obj(1)));
     EXPECT_EQ(-1, list.addPointer(odd));
     EXPECT_TRUE(list.hasPointer(nullptr));       // triple with a free slot: kept behaviour
     EXPECT_EQ(-1, list.removePointer(nullptr));  // ... but a hole is not an entry
-    expectSameContents(list, {objects[0], objects[1]});
+    expectSameContents(list, {obj(0), obj(1)});
 }
 
 TEST(PointerListTidy, CompactsTheTripleAndAFullFrontLosslessly)
 {
-    Objects objects(6);
     ltPointerList list;
     EXPECT_EQ(-1, list.tidyUp(false));
-    for (int i = 0; i < 3; ++i)
-        ASSERT_EQ(0, list.addPointer(objects[i]));
-    ASSERT_EQ(0, list.removePointer(objects[0]));
+    fill(list, 3);
+    ASSERT_EQ(0, list.removePointer(obj(0)));
     EXPECT_EQ(0, list.tidyUp(true));  // shrink has no effect on a triple
     EXPECT_EQ(3, list.getCurrentMaxEntries());
-    EXPECT_EQ(objects[1], list.getPointer(0));  // order kept, hole moved to the end
-    EXPECT_EQ(objects[2], list.getPointer(1));
+    EXPECT_EQ(obj(1), list.getPointer(0));  // order kept, hole moved to the end
+    EXPECT_EQ(obj(2), list.getPointer(1));
 
     // [1, 2, 0, 3, 4] in an array of 14: no hole before count, so shrinking loses nothing.
     for (int i : {0, 3, 4})
-        ASSERT_EQ(0, list.addPointer(objects[i]));
+        ASSERT_EQ(0, list.addPointer(obj(i)));
     EXPECT_EQ(0, list.tidyUp(true));
     EXPECT_EQ(5, list.getCurrentMaxEntries());
-    ASSERT_EQ(0, list.addPointer(objects[5]));
+    ASSERT_EQ(0, list.addPointer(obj(5)));
     EXPECT_EQ(10, list.getCurrentMaxEntries());  // a shrunk array doubles from its new size
-    expectSameContents(list, {objects[0], objects[1], objects[2], objects[3], objects[4], objects[5]});
+    expectSameContents(list, {obj(0), obj(1), obj(2), obj(3), obj(4), obj(5)});
     list.clearList();
     EXPECT_EQ(-1, list.tidyUp(true));
 }
 
 TEST(PointerListTidy, ArrayCompactsOnlyItsFirstCountSlots)
 {
-    Objects objects(4);
-    void* a = objects[0];
-    void* b = objects[3];
+    void* a = obj(0);
+    void* b = obj(3);
     // [A, x, y, B] with x and y removed: count 2, B at position 3.
     ltPointerList list;
-    for (int i = 0; i < 4; ++i)
-        ASSERT_EQ(0, list.addPointer(objects[i]));
-    ASSERT_EQ(0, list.removePointer(objects[1]));
-    ASSERT_EQ(0, list.removePointer(objects[2]));
+    fill(list, 4);
+    ASSERT_EQ(0, list.removePointer(obj(1)));
+    ASSERT_EQ(0, list.removePointer(obj(2)));
 
     EXPECT_EQ(0, list.tidyUp(false));  // B lies past count: it stays where it is
     EXPECT_EQ(b, list.getPointer(3));
@@ -214,12 +201,11 @@ TEST(PointerListTidy, ArrayCompactsOnlyItsFirstCountSlots)
     EXPECT_EQ(b, list.getPointer(2));
 }
 
-// Thousands of random operations against std::multiset. Shrinking is left out: it may drop
-// entries by design, which the directed tests above cover.
+// Random operations against std::multiset. Shrinking is left out: it may drop entries by
+// design, which the directed tests above cover.
 TEST(PointerListModel, RandomOperationsMatchAMultiset)
 {
     constexpr int kPool = 40;
-    Objects objects(kPool);
     std::mt19937 rng(20240611);
     auto pick = [&](int n) { return static_cast<int>(rng() % static_cast<unsigned>(n)); };
 
@@ -228,7 +214,7 @@ TEST(PointerListModel, RandomOperationsMatchAMultiset)
     int maxCapacity = 0;
     for (int step = 0; step < 20000; ++step) {
         const int op = pick(100);
-        void* p = objects[pick(kPool)];
+        void* p = obj(pick(kPool));
         if (op < 45) {
             ASSERT_EQ(0, list.addPointer(p));
             model.insert(p);

@@ -1,26 +1,13 @@
 //===- ltrsa_test.cpp - Key files by mode, the load order, raw RSA blocks --===//
 //
-// ltrsa reads fixed key paths only. Each test body runs in a child process with a private
-// mount namespace in which an empty tmpfs hides the key directory (or, where that directory
-// does not exist, its nearest existing parent), so the tests write their own key files at
-// the real paths without touching the machine's. Where a private mount namespace is not
-// permitted, the tests skip and say why.
+// ltrsa reads fixed key paths only: each test body runs in a child whose private mount
+// namespace hides the key folder (see crypto_test_support.h), and skips where that is refused.
 //
 //===----------------------------------------------------------------------===//
 #include "ltrsa.h"
 
-#include <cerrno>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <fstream>
-#include <functional>
-#include <sched.h>
 #include <string>
-#include <sys/mount.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -33,97 +20,10 @@ namespace {
 // These tests read the debug output, which is read as quiet or not once per process.
 [[maybe_unused]] const bool kDebugOutputOn = setenv("CSP_DEBUG_QUIET", "0", 1) == 0;
 
-const std::string kKeyDir = "/usr/local/configuration/keys";
 const std::string kDevelop = kKeyDir + "/develop.key";
 const std::string kProduction = kKeyDir + "/production.key";
 const std::string kAutoexec = kKeyDir + "/autoexec.key";
-
 const int kBlock = ltrsa::LTSIGNATURE_SIZE;  // the exported block size: 256
-constexpr int kSetupRefused = 77;  // the child's exit status when the namespace is refused
-
-bool isDirectory(const std::string& path)
-{
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-bool writeProcFile(const char* path, const std::string& text)
-{
-    std::ofstream file(path);
-    file << text << std::flush;
-    return file.good();
-}
-
-// In the child: a private mount namespace with an empty, writable key directory. Returns ""
-// or the reason it could not be had.
-std::string makePrivateKeyDir()
-{
-    const uid_t uid = geteuid();
-    const gid_t gid = getegid();
-    if (uid != 0) {
-        // Without root, a user namespace of our own grants the mount rights.
-        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
-            return std::string("unshare(CLONE_NEWUSER|CLONE_NEWNS): ") + std::strerror(errno);
-        if (!writeProcFile("/proc/self/setgroups", "deny") ||
-            !writeProcFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
-            !writeProcFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1"))
-            return std::string("user namespace id maps: ") + std::strerror(errno);
-    } else if (unshare(CLONE_NEWNS) != 0) {
-        return std::string("unshare(CLONE_NEWNS): ") + std::strerror(errno);
-    }
-    // Nothing mounted here may reach the parent namespace.
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-        return std::string("making / private: ") + std::strerror(errno);
-
-    std::string base = kKeyDir;
-    while (!isDirectory(base))
-        base = base.substr(0, base.rfind('/'));
-    if (base.empty() || base == "/usr")
-        return "no directory to hide below /usr";
-    if (mount("lt-test-keys", base.c_str(), "tmpfs", 0, "mode=0755") != 0)
-        return "mounting a tmpfs over " + base + ": " + std::strerror(errno);
-    // Recreate the levels below the tmpfs, down to the key directory.
-    for (size_t slash = kKeyDir.find('/', base.size() + 1);; slash = kKeyDir.find('/', slash + 1)) {
-        (void)mkdir(kKeyDir.substr(0, slash).c_str(), 0755);  // an existing level fails harmlessly
-        if (slash == std::string::npos)
-            break;
-    }
-    return isDirectory(kKeyDir) ? "" : "could not create " + kKeyDir;
-}
-
-// Runs body in a child process with a private key directory. Failures inside body are
-// printed by the child; the parent reports them, or skips when the namespace is refused.
-void runWithPrivateKeyDir(const std::function<void()>& body)
-{
-    int reasonPipe[2];
-    ASSERT_EQ(0, pipe(reasonPipe));
-    std::fflush(nullptr);  // nothing buffered may be printed twice
-    const pid_t child = fork();
-    ASSERT_GE(child, 0) << std::strerror(errno);
-    if (child == 0) {
-        (void)close(reasonPipe[0]);
-        const std::string reason = makePrivateKeyDir();
-        if (!reason.empty()) {
-            (void)!write(reasonPipe[1], reason.data(), reason.size());
-            _exit(kSetupRefused);
-        }
-        body();
-        std::fflush(nullptr);
-        // _exit: no second run of the parent's exit handlers; the key object leaks by design.
-        _exit(::testing::Test::HasFailure() ? 1 : 0);
-    }
-    (void)close(reasonPipe[1]);
-    char reason[256] = {};
-    (void)!read(reasonPipe[0], reason, sizeof reason - 1);  // one short message, or nothing
-    (void)close(reasonPipe[0]);
-    int status = 0;
-    ASSERT_EQ(child, waitpid(child, &status, 0));
-    ASSERT_TRUE(WIFEXITED(status)) << "the child died with signal " << WTERMSIG(status);
-    if (WEXITSTATUS(status) == kSetupRefused)
-        GTEST_SKIP() << "a private mount namespace for the key files is not permitted here: "
-                     << reason;
-    EXPECT_EQ(0, WEXITSTATUS(status)) << "the child reported failures (see above)";
-}
 
 // Generates a key into <dir>/key<bits>.pem; returns its modulus in hexadecimal, or "".
 std::string generateKey(const TempDir& dir, int bits)

@@ -21,70 +21,42 @@ timespec ts(long sec, long nsec)
     return t;
 }
 
-bool operator==(const timespec& a, const timespec& b)
-{
-    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-}
-
+bool operator==(const timespec& a, const timespec& b) { return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec; }
 bool notBefore(const timespec& a, const timespec& b)
 {
     return a.tv_sec > b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec >= b.tv_nsec);
 }
+bool isDuration(const timespec& d) { return d.tv_sec >= 0 && d.tv_nsec >= 0 && d.tv_nsec < 1000000000; }
 
-bool isDuration(const timespec& d)
+void feed(ltScopeMeter& meter, std::initializer_list<timespec> durations)
 {
-    return d.tv_sec >= 0 && d.tv_nsec >= 0 && d.tv_nsec < 1000000000;
+    for (const timespec& d : durations)
+        meter.scopeDurationMeasured(&d);
 }
 
-// Remembers every duration it is given, on top of the usual bookkeeping.
-class RecordingMeter : public ltScopeMeter {
-public:
-    void scopeDurationMeasured(const timespec* d) override
-    {
-        ltScopeMeter::scopeDurationMeasured(d);
-        seen.push_back(*d);
-    }
-    std::vector<timespec> seen;
-};
-
-TEST(ScopeMeterTotal, CarriesOnlyAboveOneSecond)
+TEST(ScopeMeterTotal, CarriesOnlyAboveOneSecondAndFillsWhatIsAskedFor)
 {
-    ltScopeMeter meter;
-    const timespec half = ts(0, 500000000);
-    meter.scopeDurationMeasured(&half);
-    meter.scopeDurationMeasured(&half);
-    // Exactly 1000000000 ns is not carried (kept behaviour).
-    EXPECT_TRUE(meter.total == ts(0, 1000000000));
-    meter.scopeDurationMeasured(&half);
-    EXPECT_TRUE(meter.total == ts(1, 500000000));
+    ltScopeMeter meter(CLOCK_MONOTONIC);
+    feed(meter, {ts(0, 500000000), ts(0, 500000000)});
+    EXPECT_TRUE(meter.total == ts(0, 1000000000));  // exactly 1 s is not carried (kept behaviour)
     meter.scopeDurationMeasured(nullptr);
+    feed(meter, {ts(0, 500000000)});
     EXPECT_TRUE(meter.total == ts(1, 500000000));
-
-    const timespec longer = ts(2, 700000000);
-    meter.scopeDurationMeasured(&longer);
+    feed(meter, {ts(2, 700000000)});
     EXPECT_TRUE(meter.total == ts(4, 200000000));
-    EXPECT_TRUE(meter.last == longer);
+    EXPECT_TRUE(meter.last == ts(2, 700000000));
+
+    timespec total = ts(-1, -1), first = ts(-1, -1), second = ts(-1, -1);
+    meter.getTimers(nullptr, nullptr);  // nothing to fill, nothing to crash on
+    meter.getTimers(&total, &first);
+    meter.getTimers(nullptr, &second);
+    EXPECT_TRUE(total == ts(4, 200000000));
+    EXPECT_TRUE(isDuration(first));
+    EXPECT_TRUE(notBefore(second, first));  // the same reset time, a later clock reading
 
     meter.resetTimers();
     EXPECT_TRUE(meter.total == ts(0, 0));
     EXPECT_TRUE(meter.last == ts(0, 0));
-}
-
-TEST(ScopeMeterTotal, GetTimersFillsWhatIsAskedFor)
-{
-    ltScopeMeter meter(CLOCK_MONOTONIC);
-    const timespec d = ts(3, 250);
-    meter.scopeDurationMeasured(&d);
-    meter.getTimers(nullptr, nullptr);  // nothing to fill, nothing to crash on
-
-    timespec total = ts(-1, -1);
-    timespec first = ts(-1, -1);
-    timespec second = ts(-1, -1);
-    meter.getTimers(&total, &first);
-    meter.getTimers(nullptr, &second);
-    EXPECT_TRUE(total == d);
-    EXPECT_TRUE(isDuration(first));
-    EXPECT_TRUE(notBefore(second, first));  // the same reset time, a later clock reading
 }
 
 TEST(ScopeTimerClock, DifferenceBorrowsOneSecond)
@@ -95,67 +67,58 @@ TEST(ScopeTimerClock, DifferenceBorrowsOneSecond)
     EXPECT_TRUE(scopeElapsed(ts(3, 5), ts(3, 5)) == ts(0, 0));
 }
 
-TEST(ScopeTimerReport, TimersReportOnceEachToTheirMeter)
-{
-    RecordingMeter meter;
+// Remembers every duration it is given, on top of the usual bookkeeping.
+struct RecordingMeter : ltScopeMeter {
+    void scopeDurationMeasured(const timespec* d) override
     {
-        ltScopeTimer outer(&meter);
-        {
-            ltScopeTimer inner(&meter, CLOCK_MONOTONIC);
-        }
-        ASSERT_EQ(1u, meter.seen.size());  // the inner one, at the end of its scope
+        ltScopeMeter::scopeDurationMeasured(d);
+        seen.push_back(*d);
     }
-    ASSERT_EQ(2u, meter.seen.size());
-    const timespec inner = meter.seen[0];
-    const timespec outer = meter.seen[1];
-    EXPECT_TRUE(isDuration(inner));
-    EXPECT_TRUE(isDuration(outer));
-    EXPECT_TRUE(notBefore(outer, inner));  // the outer scope encloses the inner one
-    EXPECT_TRUE(meter.last == outer);
+    std::vector<timespec> seen;
+};
 
-    // Compared in nanoseconds, the total is the sum of both whichever way it carried.
-    const long long sum = (inner.tv_sec + outer.tv_sec) * 1000000000LL + inner.tv_nsec + outer.tv_nsec;
-    EXPECT_EQ(sum, meter.total.tv_sec * 1000000000LL + meter.total.tv_nsec);
-}
-
-TEST(ScopeTimerReport, NoExceptionLeavesTheDestructor)
+TEST(ScopeTimerReport, TimersReportOnceEachAndNoExceptionLeavesTheDestructor)
 {
     struct ThrowingMeter : ltScopeMeter {
         void scopeDurationMeasured(const timespec*) override { throw std::runtime_error("meter"); }
-    };
-    ThrowingMeter throwing;
+    } throwing;
     EXPECT_NO_THROW({
         ltScopeTimer withoutMeter;  // measures, reports to no one
         ltScopeTimer failing(&throwing, CLOCK_REALTIME);
     });
+
+    RecordingMeter meter;
+    {
+        ltScopeTimer outer(&meter);
+        { ltScopeTimer inner(&meter, CLOCK_MONOTONIC); }
+        ASSERT_EQ(1u, meter.seen.size());  // the inner one, at the end of its scope
+    }
+    ASSERT_EQ(2u, meter.seen.size());
+    const timespec inner = meter.seen[0], outer = meter.seen[1];
+    EXPECT_TRUE(isDuration(inner) && isDuration(outer));
+    EXPECT_TRUE(notBefore(outer, inner));  // the outer scope encloses the inner one
+}
+
+template <class T>
+std::string printed(const T& meterOrTimer)
+{
+    testing::internal::CaptureStderr();
+    meterOrTimer.print();
+    return testing::internal::GetCapturedStderr();
 }
 
 TEST(ScopeTimerPrint, WritesSecondsAndNinePlacesOfNanoseconds)
 {
     unsetenv("CSP_DEBUG_QUIET");  // read once, at the first message: nothing printed yet
     ltScopeMeter meter;
-    const timespec d = ts(1, 5000);
-    meter.scopeDurationMeasured(&d);
-
-    testing::internal::CaptureStderr();
-    meter.print();
-    EXPECT_EQ("ltScopeTimer(): 1.000005000sec.\n", testing::internal::GetCapturedStderr());
-
-    // The uncarried total shows as ten digits of nanoseconds (kept behaviour).
+    feed(meter, {ts(1, 5000)});
+    EXPECT_EQ("ltScopeTimer(): 1.000005000sec.\n", printed(meter));
     meter.resetTimers();
-    const timespec half = ts(0, 500000000);
-    meter.scopeDurationMeasured(&half);
-    meter.scopeDurationMeasured(&half);
-    testing::internal::CaptureStderr();
-    meter.print();
-    EXPECT_EQ("ltScopeTimer(): 0.1000000000sec.\n", testing::internal::GetCapturedStderr());
+    feed(meter, {ts(0, 500000000), ts(0, 500000000)});
+    EXPECT_EQ("ltScopeTimer(): 0.1000000000sec.\n", printed(meter));  // uncarried: ten digits (kept)
 
-    ltScopeTimer timer;
-    testing::internal::CaptureStderr();
-    timer.print();
-    const std::string text = testing::internal::GetCapturedStderr();
-    EXPECT_TRUE(testing::internal::RE::FullMatch(text, "ltScopeTimer\\(\\): [0-9]+\\.[0-9]{9}sec\\.\n"))
-        << text;
+    const std::string text = printed(ltScopeTimer());
+    EXPECT_TRUE(testing::internal::RE::FullMatch(text, "ltScopeTimer\\(\\): [0-9]+\\.[0-9]{9}sec\\.\n")) << text;
 }
 
 }  // namespace

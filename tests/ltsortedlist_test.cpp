@@ -53,10 +53,9 @@ TEST(SortedListSearch, ReportsTheMatchOrTheInsertPosition)
     // {key, position, found}
     for (auto [k, position, match] : {std::tuple{5, 0, false}, {10, 0, true}, {15, 1, false},
                                       {20, 1, true}, {25, 2, false}, {30, 2, true}, {35, 3, false}}) {
-        SCOPED_TRACE("key " + std::to_string(k));
         key = static_cast<unsigned char>(k);
-        EXPECT_EQ(position, list.search(&key, &found));
-        EXPECT_EQ(match, found);
+        EXPECT_EQ(position, list.search(&key, &found)) << "key " << k;
+        EXPECT_EQ(match, found) << "key " << k;
         EXPECT_EQ(position, list.search(&key, nullptr));  // found may be null
     }
     EXPECT_EQ(nullptr, list[3]);  // operator[](count)
@@ -121,16 +120,17 @@ TEST(SortedListGrowth, FailedExpandLeavesTheRecords)
     EXPECT_EQ(1, list.capacity);
 }
 
+int order(int x, int y) { return x < y ? -1 : (x > y ? 1 : 0); }
+
 // Ints ordered by value, for the model test.
-class IntList : public ltSortedList {
-public:
+struct IntList : ltSortedList {
     IntList() : ltSortedList(sizeof(int), 1, 0, 3) {}
     int compare(const void* a, const void* b) const override
     {
         int x, y;
         std::memcpy(&x, a, sizeof x);
         std::memcpy(&y, b, sizeof y);
-        return x < y ? -1 : (x > y ? 1 : 0);
+        return order(x, y);
     }
 };
 
@@ -166,8 +166,8 @@ TEST(SortedListModel, RandomOperationsMatchAStdSet)
     EXPECT_EQ(std::vector<int>(model.begin(), model.end()), recordsOf<int>(list));
 }
 
-// Records that own a heap copy of their text, keyed by an int. Counts live copies so the
-// test sees leaks and double frees even without the sanitizers.
+// Records that own a heap copy of their text, keyed by an int. Live copies are counted, so
+// leaks and double frees show even without the sanitizers.
 struct Named {
     int key;
     char* text;
@@ -180,9 +180,7 @@ public:
 
     int compare(const void* a, const void* b) const override
     {
-        const int x = static_cast<const Named*>(a)->key;
-        const int y = static_cast<const Named*>(b)->key;
-        return x < y ? -1 : (x > y ? 1 : 0);
+        return order(static_cast<const Named*>(a)->key, static_cast<const Named*>(b)->key);
     }
     void destroyElement(void* record) override
     {
