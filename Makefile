@@ -12,6 +12,8 @@
 #   make docs        the API reference (Doxygen) in $(BUILD)/docs/html; warnings fail it
 #   make package     the Debian packages libtarvotools-mt and libtarvotools-mt-dev in $(BUILD)
 #   make package-check  install both packages, build a program against them, remove them
+#   make bench       the benchmarks against Boost.Asio, libuv and uriparser (JSON in build-bench)
+#   make bench-report  run them and rewrite the figures and plot of docs/performance.md
 
 JOBS ?= 2
 BUILD ?= build
@@ -152,3 +154,30 @@ package: build deps-package
 # files with pkg-config and with CMake, runs the programs and removes the packages again.
 package-check: deps
 	sh .ci/package-check $(BUILD)
+
+# Benchmarks (bench/, Google Benchmark): the event road, the loop, the event queue and URIs
+# against Boost.Asio, libuv and uriparser, plus the crypto figures. Built Release in
+# $(BENCH_BUILD); every program writes its JSON into $(BENCH_BUILD)/results. They measure and
+# assert nothing, so they are not part of CI. bench-report runs them and rewrites the figures
+# of docs/performance.md and docs/performance.png from that JSON.
+BENCH_DEB_PACKAGES = libbenchmark-dev libuv1-dev liburiparser-dev pkg-config python3-matplotlib
+BENCH_BUILD ?= build-bench
+BENCH_PROGRAMS = road_bench loop_bench queue_bench uri_bench crypto_bench
+
+.PHONY: deps-bench bench bench-report
+
+deps-bench:
+	$(call install-missing,$(BENCH_DEB_PACKAGES))
+
+bench: deps deps-bench
+	cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=Release -DLT_BUILD_BENCH=ON \
+	  -DLT_BUILD_TESTS=OFF -DLT_BUILD_EXAMPLES=OFF
+	cmake --build $(BENCH_BUILD) -j$(JOBS) --target $(BENCH_PROGRAMS)
+	rm -rf $(BENCH_BUILD)/results && mkdir -p $(BENCH_BUILD)/results
+	for b in $(BENCH_PROGRAMS); do \
+	  $(BENCH_BUILD)/bench/$$b --benchmark_out=$(BENCH_BUILD)/results/$$b.json \
+	    --benchmark_out_format=json || exit 1; \
+	done
+
+bench-report: bench
+	/usr/bin/python3 bench/report.py $(BENCH_BUILD)/results docs

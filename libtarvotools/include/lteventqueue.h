@@ -18,7 +18,9 @@
 /// The handler list, the id counter and the dispatch depth are used without a lock: add and
 /// remove handlers on the loop thread, or before the loop runs. post() holds the mutex from
 /// arming an event's TTL timer until the event is in the vector, and the TTL timer callback
-/// takes the mutex too, so an expiring event is always one that is queued.
+/// takes the mutex too, so an expiring event is always one that is queued. The loop thread
+/// takes the oldest events out in batches of up to 32 under one lock and dispatches them one
+/// by one; until dispatched they still count as queued for the max size.
 ///
 /// Ownership: a posted event and an added handler belong to the queue, which deletes them
 /// through their virtual destructors (a handler with kNotOwned excepted). A handler that
@@ -131,6 +133,11 @@ public:
 private:
     friend struct ltAbiLayout;  // the ABI test reads the field offsets; nothing else
     ltTime knownTimeLocked() const;
+    int queuedBoundLocked() const;
+    int queuedExactLocked() const;
+    ltEvent* takeNext(ltTime& known);
+    int putBackLocked(ltEvent& event);
+    bool unclaim(const ltEvent* event);
     void putBack(ltEvent& event, const ltTime& known);
     void finish(ltEvent* event);
     bool dispatch(ltEvent& event);
@@ -140,7 +147,7 @@ private:
 
     // Fields, in this order.
     int dispatchDepth_;               // -1 at rest; raised while an event is dispatched
-    lfcVector events_;                // posted events in arrival order; under mutex_
+    lfcVector events_;                // posted events, its array used as a ring; under mutex_
     std::atomic<int> maxQueueSize_;   // 0 or less: unbounded
     lfcVector handlers_;              // highest priority first; loop thread
     mutable uint8_t knownTimeValid_;  // under mutex_
@@ -151,6 +158,24 @@ private:
     // Lethal-time timers still armed, by handler: disarmed when the handler leaves the queue,
     // so that no timer outlives the handler it points to. Loop thread.
     std::vector<std::pair<const ltEventHandler*, int>> lethalTimers_;
+
+    // Where the queued events are. Claimed events, then the ring, are the queue in arrival
+    // order; put-back events are never handed out again while queued, so where they sit
+    // does not matter.
+    static constexpr int kClaimBatch = 32;
+    int eventsHead_;                       // events_' array is a ring from this slot; under mutex_
+    std::vector<ltEvent*> eventsPutBack_;  // put back at the known time; under mutex_
+    int claimBound_;                       // at least claim_.left; under mutex_
+    // The oldest events, taken out of the ring in one go by the loop thread so that it locks
+    // once per batch, not once per event. They still count as queued: post() reads 'left'
+    // when the queue may be full. On a cache line of its own, away from what post() writes.
+    struct alignas(64) Claim {
+        std::atomic<int> left;  // events[next..count) not yet taken; written by the loop thread
+        int next;
+        int count;
+        ltTime known;           // the known time they were claimed at
+        ltEvent* events[kClaimBatch];
+    } claim_;
 };
 
 static_assert(sizeof(std::atomic<int>) == sizeof(int), "the max queue size is one int");

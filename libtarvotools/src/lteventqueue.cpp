@@ -1,15 +1,17 @@
 //===- lteventqueue.cpp - Events dispatched to handlers on the main loop ---===//
 #include "lteventqueue.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <new>
 
 #include "ltclock.h"
 #include "lteventmask.h"
-#include "ltmutexlock.h"
+#include "lteventring.h"
 #include "ltresult.h"
 
-using lt_internal::MutexLock;
+using lt_internal::EventRing;
 using lt_internal::kFailed;
 using lt_internal::kNoId;
 using lt_internal::kOk;
@@ -18,11 +20,46 @@ namespace {
 
 constexpr int kDepthAtRest = -1;
 constexpr uint64_t kFirstCounter = 1;  // incremented before use: the first id is 2
+constexpr int kPrefetchAhead = 2;      // claimed events fetched ahead of their dispatch
 
-ltEvent* eventAt(const lfcVector& v, int i) { return static_cast<ltEvent*>(v.elementAt(i)); }
 ltEventHandler* handlerAt(const lfcVector& v, int i) { return static_cast<ltEventHandler*>(v.elementAt(i)); }
 
 bool isPersistent(const ltEventHandler& h) { return (h.flags & ltEventHandler::kPersistent) != 0; }
+
+// Holds the queue's mutex for a scope. Its holders keep it for a few dozen instructions, so a
+// contended lock is first retried for a moment: sleeping in the kernel and being woken again
+// would cost the poster or the loop thread far more than the wait.
+class QueueLock {
+public:
+    explicit QueueLock(pthread_mutex_t& m) : m_(m)
+    {
+        for (int i = 0; i < kSpinTries; ++i) {
+            if (pthread_mutex_trylock(&m_) == 0)
+                return;
+#if defined(__x86_64__) || defined(__i386__)
+            __builtin_ia32_pause();
+#endif
+        }
+        (void)pthread_mutex_lock(&m_);  // default mutex: cannot fail when used correctly
+    }
+    ~QueueLock()
+    {
+        if (held_)
+            (void)pthread_mutex_unlock(&m_);
+    }
+    void unlock()
+    {
+        (void)pthread_mutex_unlock(&m_);
+        held_ = false;
+    }
+    QueueLock(const QueueLock&) = delete;
+    QueueLock& operator=(const QueueLock&) = delete;
+
+private:
+    static constexpr int kSpinTries = 200;  // a few microseconds at most
+    pthread_mutex_t& m_;
+    bool held_ = true;
+};
 
 }  // namespace
 
@@ -34,9 +71,15 @@ ltEventQueue::ltEventQueue(ltMainLoop& loop)
       knownTimeValid_(0),
       knownTime_(0, 0),
       handlerIdCounter_(kFirstCounter),
-      loop_(loop)
+      loop_(loop),
+      eventsHead_(0),
+      claimBound_(0)
 {
     (void)pthread_mutex_init(&mutex_, nullptr);  // default attributes: cannot fail on Linux
+    claim_.left.store(0, std::memory_order_relaxed);
+    claim_.next = 0;
+    claim_.count = 0;
+    claim_.known = ltTime(0, 0);
 }
 
 ltEventQueue::~ltEventQueue()
@@ -63,18 +106,114 @@ ltTime ltEventQueue::knownTimeLocked() const
     return knownTime_;
 }
 
+// Events queued in all, or more: the claimed ones are counted as at their last claim. Caller
+// holds mutex_.
+int ltEventQueue::queuedBoundLocked() const
+{
+    return events_.getSize() + static_cast<int>(eventsPutBack_.size()) + claimBound_;
+}
+
+// Events queued in all. Caller holds mutex_; the loop thread may take a claimed event at any
+// moment, and this is the count as it stood when 'left' was read.
+int ltEventQueue::queuedExactLocked() const
+{
+    return events_.getSize() + static_cast<int>(eventsPutBack_.size()) +
+           claim_.left.load(std::memory_order_acquire);
+}
+
+// Adds a put-back event, growing the array as if it were appended to the event vector. Caller
+// holds mutex_.
+int ltEventQueue::putBackLocked(ltEvent& event)
+{
+    int queued = queuedBoundLocked();
+    if (queued >= events_.capacity)
+        queued = queuedExactLocked();
+    if (EventRing(events_, eventsHead_).reserveFor(queued) != kOk)
+        return lt_internal::kNoMemory;
+    try {
+        eventsPutBack_.push_back(&event);
+    } catch (const std::bad_alloc&) {
+        return lt_internal::kNoMemory;
+    }
+    return kOk;
+}
+
+// The oldest event not put back at the known time, taken out of the queue, with that known
+// time; null when there is none. Loop thread. Claims a batch of events under one lock and
+// hands them out one by one.
+ltEvent* ltEventQueue::takeNext(ltTime& known)
+{
+    for (;;) {
+        while (claim_.next < claim_.count) {
+            ltEvent* event = claim_.events[claim_.next];
+            // The events were written on the posting thread: fetch the next ones while this
+            // one is dispatched.
+            for (int ahead = claim_.next + 1; ahead < claim_.count && ahead <= claim_.next + kPrefetchAhead; ++ahead)
+                __builtin_prefetch(claim_.events[ahead]);
+            if (event->deferralTime != claim_.known) {
+                claim_.next += 1;
+                claim_.left.store(claim_.count - claim_.next, std::memory_order_release);
+                known = claim_.known;
+                return event;
+            }
+            // Posted with its deferral time already equal to the known time: skipped like a
+            // put-back event, so it joins them.
+            QueueLock lock(mutex_);
+            claim_.next += 1;
+            claim_.left.store(claim_.count - claim_.next, std::memory_order_release);
+            if (putBackLocked(*event) != kOk) {
+                lock.unlock();
+                finish(event);
+            }
+        }
+
+        QueueLock lock(mutex_);
+        EventRing ring(events_, eventsHead_);
+        if (ring.size() == 0) {
+            // The one place the known time is renewed, so put-back events wait for an empty
+            // queue. Kept: callers rely on it.
+            if (eventsPutBack_.empty())
+                knownTimeValid_ = 0;
+            claim_.next = claim_.count = 0;
+            claimBound_ = 0;
+            return nullptr;
+        }
+        claim_.known = knownTimeLocked();
+        claim_.count = ring.takeFront(claim_.events, kClaimBatch);
+        claim_.next = 0;
+        claimBound_ = claim_.count;
+        claim_.left.store(claim_.count, std::memory_order_release);
+    }
+}
+
+// Takes event out of the claimed batch; false when it is not there. Loop thread.
+bool ltEventQueue::unclaim(const ltEvent* event)
+{
+    for (int i = claim_.next; i < claim_.count; ++i) {
+        if (claim_.events[i] != event)
+            continue;
+        std::memmove(&claim_.events[i], &claim_.events[i + 1],
+                     static_cast<size_t>(claim_.count - i - 1) * sizeof(ltEvent*));
+        claim_.count -= 1;
+        claim_.left.store(claim_.count - claim_.next, std::memory_order_release);
+        return true;
+    }
+    return false;
+}
+
 ltTime ltEventQueue::getKnownTime() const
 {
-    MutexLock lock(mutex_);
+    QueueLock lock(mutex_);
     return knownTimeLocked();
 }
 
 int ltEventQueue::post(ltEvent& event, unsigned int ttlMs)
 {
-    MutexLock lock(mutex_);
+    QueueLock lock(mutex_);
+    EventRing ring(events_, eventsHead_);
     const int max = maxQueueSize_.load(std::memory_order_relaxed);
     // Strictly greater: one event past the limit is accepted. Kept: callers rely on it.
-    if (max > 0 && events_.getSize() > max) {
+    if (max > 0 && queuedBoundLocked() > max && queuedExactLocked() > max) {
         errno = EAGAIN;
         return kFailed;
     }
@@ -84,8 +223,10 @@ int ltEventQueue::post(ltEvent& event, unsigned int ttlMs)
     }
     // Room for the append below is made first, so that no timer is ever armed for an event
     // that then cannot be queued.
-    if (events_.getSize() >= events_.capacity &&
-        events_.expandTo(events_.getSize() + events_.growBy) != kOk) {
+    int queued = queuedBoundLocked();
+    if (queued >= events_.capacity)
+        queued = queuedExactLocked();
+    if (ring.reserveFor(queued) != kOk) {
         errno = ENOMEM;
         return kFailed;
     }
@@ -104,7 +245,7 @@ int ltEventQueue::post(ltEvent& event, unsigned int ttlMs)
     } else {
         event.ttlTimerId = 0;
     }
-    (void)events_.add(event);  // cannot fail: room was made above
+    ring.push(&event);         // room was made above
     lock.unlock();             // from here the loop may take, expire and delete the event
 
     loop_.wakeupEventLoop();
@@ -113,29 +254,12 @@ int ltEventQueue::post(ltEvent& event, unsigned int ttlMs)
 
 int ltEventQueue::processNextEvent()
 {
-    MutexLock lock(mutex_);
-    const int count = events_.getSize();
-    if (count == 0) {
-        // The one place the known time is renewed, so put-back events wait for an empty
-        // queue. Kept: callers rely on it.
-        knownTimeValid_ = 0;
-        lock.unlock();
+    ltTime known;
+    ltEvent* event = takeNext(known);
+    if (event == nullptr) {
         errno = EAGAIN;
         return kFailed;
     }
-    const ltTime known = knownTimeLocked();
-    // Events put back at this known time are skipped until the known time changes.
-    int index = 0;
-    while (index < count && eventAt(events_, index)->deferralTime == known)
-        ++index;
-    if (index == count) {
-        lock.unlock();
-        errno = EAGAIN;
-        return kFailed;
-    }
-    ltEvent* event = eventAt(events_, index);
-    (void)events_.remove(index, 1);
-    lock.unlock();
 
     dispatchDepth_ += 1;
     if (handlers_.getSize() == 0) {
@@ -188,9 +312,9 @@ bool ltEventQueue::dispatch(ltEvent& event)
 void ltEventQueue::putBack(ltEvent& event, const ltTime& known)
 {
     event.deferralTime = known;
-    MutexLock lock(mutex_);
+    QueueLock lock(mutex_);
     // Only fails out of memory, with the event lost to the queue: it is finished instead.
-    if (events_.add(event) == kOk)
+    if (putBackLocked(event) == kOk)
         return;
     lock.unlock();
     finish(&event);
@@ -336,11 +460,18 @@ int ltEventQueue::cbEventTimeOut(int id, const ltTime& /*expiry*/, void* p)
     ltEventQueue* queue = event->owner;  // written by post before it armed this timer
     if (queue == nullptr)
         return 0;
-    {
+    if (!queue->unclaim(event)) {
         // Waits for a post still appending this event.
-        MutexLock lock(queue->mutex_);
-        if (queue->events_.remove(*event) != kOk)
+        QueueLock lock(queue->mutex_);
+        EventRing ring(queue->events_, queue->eventsHead_);
+        std::vector<ltEvent*>& putBack = queue->eventsPutBack_;
+        const auto at = std::find(putBack.begin(), putBack.end(), event);
+        if (at != putBack.end()) {
+            *at = putBack.back();  // their order does not matter: they are never taken again
+            putBack.pop_back();
+        } else if (!ring.remove(event)) {
             return 0;  // not queued, so not this callback's to delete
+        }
     }
     // The timer that fired is one-shot and already gone; removing its id once more could hit
     // a newer timer that took over the slot, so only a different TTL timer is removed.

@@ -149,13 +149,38 @@ constexpr unsigned kStepDone = 1;
 
 const char kAuthorityMark[] = "//";
 const char kEmptyAuthorityMark[] = "///";
-const char kAuthorityEnds[] = "/?#";
-const char kPathEnds[] = "?#";
-const char kValueEnds[] = "&#";
 
 unsigned toPosition(std::string::size_type pos)
 {
     return pos == std::string::npos ? kNotFound : static_cast<unsigned>(pos);
+}
+
+// The first position at or after pos that holds one of the bytes A, B, C, or npos: the
+// delimiter searches of the parser. A plain scan, where std::string::find_first_of would
+// search the set with memchr once for every byte of the text.
+template <char A, char B, char C = B>
+std::string::size_type findAny(const std::string& text, std::string::size_type pos)
+{
+    const char* bytes = text.data();
+    for (std::string::size_type i = pos; i < text.size(); ++i) {
+        const char c = bytes[i];
+        if (c == A || c == B || c == C)
+            return i;
+    }
+    return std::string::npos;
+}
+
+// Replaces the value of a present key in place, or appends a new key to the list.
+void setItem(std::map<std::string, std::string>& queries, std::vector<std::string>& keys,
+             const std::string& key, std::string&& value)
+{
+    const auto at = queries.lower_bound(key);  // one search serves both cases
+    if (at != queries.end() && at->first == key) {
+        at->second = std::move(value);
+        return;
+    }
+    queries.emplace_hint(at, key, std::move(value));
+    keys.push_back(key);
 }
 
 bool startsWithAt(const std::string& text, unsigned pos, const char* prefix)
@@ -224,7 +249,7 @@ unsigned LtUri::doit(parseState_enum& state, const std::string& text, unsigned& 
             return p + 1;
         }
         const unsigned start = p + 2;
-        const unsigned end = toPosition(text.find_first_of(kAuthorityEnds, start));
+        const unsigned end = toPosition(findAny<'/', '?', '#'>(text, start));
         if (end == kNotFound) {
             authority_ = text.substr(start);
             state = ParseDone;
@@ -242,7 +267,7 @@ unsigned LtUri::doit(parseState_enum& state, const std::string& text, unsigned& 
     case ParsePath: {
         // File names may hold '#', so a file path ends at '?' only.
         const unsigned end = scheme_ == Scheme::File ? toPosition(text.find('?', p))
-                                                     : toPosition(text.find_first_of(kPathEnds, p));
+                                                     : toPosition(findAny<'?', '#'>(text, p));
         if (end == kNotFound) {
             path_ = text.substr(p);
             state = ParseDone;
@@ -254,28 +279,38 @@ unsigned LtUri::doit(parseState_enum& state, const std::string& text, unsigned& 
     }
 
     case ParseQuery: {
+        // addQuery(key, value), with the value moved in rather than copied.
+        const auto addParsedItem = [this](const std::string& key, std::string&& value) {
+            if (key == Query::Url)
+                value = codingReservedUrlChars(value);
+            setItem(queries_, queryKeys_, key, std::move(value));
+        };
+        if (queryKeys_.empty()) {
+            // Room for every item up front, rather than growing the list item by item.
+            queryKeys_.reserve(static_cast<size_t>(std::count(text.begin() + p, text.end(), '&')) + 1);
+        }
         // The '=' search is not bounded by '&' or '#': a key can swallow a bare item before
         // it ("x&y=1" is the key "x&y"). Kept for compatibility.
         const unsigned equals = toPosition(text.find('=', p));
         if (equals != kNotFound) {
             const std::string key = text.substr(p, equals - p);
-            const unsigned end = toPosition(text.find_first_of(kValueEnds, equals + 1));
+            const unsigned end = toPosition(findAny<'&', '#'>(text, equals + 1));
             if (end == kNotFound) {
-                addQuery(key, text.substr(equals + 1));
+                addParsedItem(key, text.substr(equals + 1));
                 state = ParseDone;
                 return kNotFound;
             }
-            addQuery(key, text.substr(equals + 1, end - equals - 1));
+            addParsedItem(key, text.substr(equals + 1, end - equals - 1));
             state = text[end] == '#' ? ParseFragment : ParseQuery;
             return end + 1;
         }
-        const unsigned end = toPosition(text.find_first_of(kValueEnds, p));
+        const unsigned end = toPosition(findAny<'&', '#'>(text, p));
         if (end == kNotFound) {
-            addQuery(text.substr(p), std::string());
+            addParsedItem(text.substr(p), std::string());
             state = ParseDone;
             return kNotFound;
         }
-        addQuery(text.substr(p, end - p), std::string());
+        addParsedItem(text.substr(p, end - p), std::string());
         // A bare key ends the query even at '&': the rest becomes the fragment ("?a&b" has
         // the fragment "b"). Kept for compatibility.
         state = ParseFragment;
@@ -317,26 +352,12 @@ void LtUri::setFragment(const std::string& fragment)
     fragment_ = fragment;
 }
 
-namespace {
-
-// Replaces the value of a present key in place, or appends a new key to the list.
-void setItem(std::map<std::string, std::string>& queries, std::vector<std::string>& keys,
-             const std::string& key, const std::string& value)
-{
-    const auto found = queries.find(key);
-    if (found != queries.end()) {
-        found->second = value;
-        return;
-    }
-    queries.emplace(key, value);
-    keys.push_back(key);
-}
-
-}  // namespace
-
 int LtUri::addQuery(const std::string& key, const std::string& value)
 {
-    setItem(queries_, queryKeys_, key, key == Query::Url ? codingReservedUrlChars(value) : value);
+    if (key == Query::Url)
+        setItem(queries_, queryKeys_, key, codingReservedUrlChars(value));
+    else
+        setItem(queries_, queryKeys_, key, std::string(value));
     return lt_internal::kOk;
 }
 
@@ -349,7 +370,7 @@ int LtUri::addQuery(const std::string& key, const unsigned int& value)
         LT_DEBUG(kLtDebugLevelDefault, "addQuery", "LTUri bad_lexical_cast\n");
         return lt_internal::kFailed;
     }
-    setItem(queries_, queryKeys_, key, text);
+    setItem(queries_, queryKeys_, key, std::move(text));
     return lt_internal::kOk;
 }
 
@@ -437,11 +458,18 @@ std::string LtUri::getUri() const
     if (scheme_.empty())
         return uri_;  // unparsed or scheme-less text comes back as it was given
 
-    uri_ = scheme_ + ":" + kAuthorityMark;
+    // Written in place into the cache, whose buffer (the parsed text's, usually as long as
+    // the result) is reused.
+    size_t length = scheme_.size() + 3 + authority_.size() + 1 + path_.size() + 1 + fragment_.size();
+    for (const auto& item : queries_)
+        length += item.first.size() + item.second.size() + 2;
+    uri_.clear();
+    uri_.reserve(length);
+    uri_.append(scheme_).append(":").append(kAuthorityMark);
     if (!authority_.empty()) {
         uri_ += authority_;
         if (!path_.empty())
-            uri_ += "/" + path_;
+            uri_.append("/").append(path_);
     } else {
         uri_ += path_;  // "rec:/a/b" (path "a/b") comes back as "rec://a/b"
     }
@@ -452,14 +480,14 @@ std::string LtUri::getUri() const
             continue;
         // The separator follows the list position, not the items written so far: a stale
         // first entry makes the first item start with '&'. Kept for compatibility.
-        uri_ += i == 0 ? "?" : "&";
+        uri_ += i == 0 ? '?' : '&';
         uri_ += found->first;
         if (!found->second.empty())
-            uri_ += "=" + found->second;
+            uri_.append("=").append(found->second);
     }
 
     if (!fragment_.empty())
-        uri_ += "#" + fragment_;
+        uri_.append("#").append(fragment_);
     return uri_;
 }
 

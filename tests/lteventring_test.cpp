@@ -1,0 +1,211 @@
+//===- lteventring_test.cpp - The event ring and the queue's claimed batches ===//
+//
+// The event queue keeps its events in its lfcVector's array as a ring and hands them to the
+// loop thread in claimed batches. Both must be invisible: the same order, the same counts
+// for the max size, and the same growth of the array (so the same lfcUtilMallocUsed) as a
+// plain lfcVector that appends at the back and removes at the front.
+//
+//===----------------------------------------------------------------------===//
+#include "lteventring.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <deque>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "lfcutil.h"
+#include "lteventmask.h"
+#include "lteventqueue.h"
+#include "ltlinuxselectmainloop.h"
+
+namespace {
+
+using lt_internal::EventRing;
+
+struct IdleLoop : ltLinuxSelectMainLoop {  // never run: post() writes no wake-up byte
+    IdleLoop() = default;
+};
+
+ltEvent* newEvent(unsigned key2) { return new ltEvent(1, key2, 0, 0, nullptr, 0); }
+
+// Random pushes, batch takes and removals against a deque; the array must grow exactly when
+// and as much as a plain lfcVector holding the same events does.
+TEST(EventRingModel, KeepsArrivalOrderAndGrowsLikeAPlainVector)
+{
+    std::mt19937 random(7);
+    lfcVector storage(4, 3);
+    lfcVector plain(4, 3);
+    int head = 0;
+    EventRing ring(storage, head);
+    std::deque<ltEvent*> model;
+    std::vector<std::unique_ptr<ltEvent>> owned;
+
+    for (int step = 0; step < 4000; ++step) {
+        const unsigned op = random() % 10;
+        if (op < 5) {  // push
+            owned.emplace_back(newEvent(static_cast<unsigned>(step)));
+            ASSERT_EQ(0, ring.reserveFor(ring.size()));
+            ring.push(owned.back().get());
+            model.push_back(owned.back().get());
+            ASSERT_EQ(0, plain.add(*owned.back()));
+        } else if (op < 8) {  // take a batch from the front
+            ltEvent* out[5];
+            const int n = ring.takeFront(out, static_cast<int>(random() % 5) + 1);
+            for (int i = 0; i < n; ++i) {
+                ASSERT_EQ(model.front(), out[i]) << "step " << step;
+                model.pop_front();
+                ASSERT_EQ(0, plain.remove(0, 1));
+            }
+        } else if (!model.empty()) {  // remove one by identity, anywhere
+            const size_t at = random() % model.size();
+            ltEvent* e = model[at];
+            ASSERT_TRUE(ring.remove(e));
+            EXPECT_FALSE(ring.remove(e));
+            model.erase(model.begin() + static_cast<long>(at));
+            ASSERT_EQ(0, plain.remove(*e));
+        }
+        ASSERT_EQ(static_cast<int>(model.size()), ring.size());
+        ASSERT_EQ(plain.capacity, storage.capacity) << "step " << step;
+        for (int i = 0; i < ring.size(); ++i)
+            ASSERT_EQ(model[static_cast<size_t>(i)], ring.at(i)) << "step " << step << " index " << i;
+    }
+}
+
+// Growth counts every queued event, wherever the queue keeps it: the ring grows to the size
+// a plain vector of 'total' entries would take, even when the ring itself holds fewer.
+TEST(EventRingModel, GrowsForEventsHeldOutsideTheRing)
+{
+    lfcVector storage(2, 5);
+    int head = 0;
+    EventRing ring(storage, head);
+    std::unique_ptr<ltEvent> a(newEvent(1)), b(newEvent(2));
+    ASSERT_EQ(0, ring.reserveFor(0));
+    ring.push(a.get());
+    ASSERT_EQ(0, ring.reserveFor(1));
+    EXPECT_EQ(2, storage.capacity);
+    ASSERT_EQ(0, ring.reserveFor(2));  // two more held elsewhere: full, grows by growBy
+    EXPECT_EQ(7, storage.capacity);
+    ring.push(b.get());
+    EXPECT_EQ(a.get(), ring.at(0));
+    EXPECT_EQ(b.get(), ring.at(1));
+}
+
+int countAndGoOn(ltEventQueue&, ltEvent* e, int, void* seen)
+{
+    static_cast<std::vector<unsigned>*>(seen)->push_back(e->key2);
+    return 1;
+}
+
+int keepEverything(ltEventQueue&, ltEvent*, int, void*) { return 0; }
+
+// Through the queue: events come out in arrival order across claimed batches, new posts and
+// TTL expiries of claimed and unclaimed events; the max size counts claimed events exactly;
+// and lfcUtilMallocUsed moves as with one plain (500, 15) vector of every queued event.
+TEST(EventQueueClaims, OrderLimitAndMemoryAsWithOnePlainVector)
+{
+    IdleLoop loop;
+    auto* queue = new ltEventQueue(loop);
+    std::vector<unsigned> seen;
+    ASSERT_NE(0u, queue->addEventHandlerFunction(&countAndGoOn, nullptr, &seen, 0, ltEventHandler::kPersistent));
+
+    std::deque<unsigned> expected;
+    std::vector<ltEvent*> events;
+    unsigned next = 0;
+    auto post = [&](int n) {
+        for (int i = 0; i < n; ++i) {
+            events.push_back(newEvent(next));
+            ASSERT_EQ(0, queue->post(*events.back(), 0));
+            expected.push_back(next++);
+        }
+    };
+    auto process = [&](int n) {
+        for (int i = 0; i < n; ++i) {
+            ASSERT_EQ(0, queue->processNextEvent());
+            ASSERT_EQ(expected.front(), seen.back());
+            expected.pop_front();
+        }
+    };
+    auto grownSlots = [&](int32_t base) {
+        return (lfcUtilMallocUsed - base) / static_cast<int32_t>(sizeof(lfcObject*));
+    };
+
+    // A plain (500, 15) vector grows at 500 and 515 queued events, to 515 and 530 slots.
+    const int32_t base = lfcUtilMallocUsed;
+    post(520);
+    EXPECT_EQ(30, grownSlots(base));
+    process(45);  // two claims: 32, then 13 of the next 32
+    post(55);     // 530 queued, 19 of them claimed and not in the ring: no growth yet
+    EXPECT_EQ(30, grownSlots(base));
+    post(1);      // 530 queued before it: full, as for the plain vector
+    EXPECT_EQ(45, grownSlots(base));
+
+    // TTL expiry of a claimed event and of one still in the ring: the order stays intact.
+    EXPECT_EQ(0, ltEventQueue::cbEventTimeOut(0, ltTime(0, 0), events[46]));
+    EXPECT_EQ(0, ltEventQueue::cbEventTimeOut(0, ltTime(0, 0), events[300]));
+    expected.erase(std::find(expected.begin(), expected.end(), 46u));
+    expected.erase(std::find(expected.begin(), expected.end(), 300u));
+    process(static_cast<int>(expected.size()));
+    EXPECT_EQ(-1, queue->processNextEvent());
+    EXPECT_EQ(EAGAIN, errno);
+
+    // The limit counts the claimed events exactly: after one take, 40 are left (31 claimed).
+    queue->setMaxQueueSize(40);
+    post(41);  // the 41st is the one accepted past the limit
+    std::unique_ptr<ltEvent> refused(newEvent(9999));
+    EXPECT_EQ(-1, queue->post(*refused, 0));
+    EXPECT_EQ(EAGAIN, errno);
+    process(1);
+    ASSERT_EQ(0, queue->post(*refused.release(), 0));
+    expected.push_back(9999);
+    std::unique_ptr<ltEvent> extra(newEvent(10000));
+    EXPECT_EQ(-1, queue->post(*extra, 0));  // 41 queued again
+    process(static_cast<int>(expected.size()));
+    EXPECT_EQ(-1, queue->processNextEvent());
+    EXPECT_EQ(1, queue->removeEventHandlers(0, 0, nullptr, true));
+    delete queue;
+}
+
+// Put-back events stay queued and counted, are never handed out again while the queue is
+// not empty, and events behind them are taken at once.
+TEST(EventQueueClaims, PutBackEventsStayCountedButAreSkipped)
+{
+    IdleLoop loop;
+    auto* queue = new ltEventQueue(loop);
+    std::vector<unsigned> seen;
+    ltEventMask keepMask(ltEventMask::kMaskNone, 2, ltEventMask::kKeyEqual, 1u, 0);   // key2 == 1
+    ltEventMask passMask(ltEventMask::kMaskNone, 2, ltEventMask::kKeyNotEqual, 1u, 0);  // key2 != 1
+    ASSERT_NE(0u, queue->addEventHandlerFunction(&keepEverything, &keepMask, nullptr, 0, ltEventHandler::kPersistent));
+    ASSERT_NE(0u, queue->addEventHandlerFunction(&countAndGoOn, &passMask, &seen, 0, ltEventHandler::kPersistent));
+
+    queue->setMaxQueueSize(3);
+    std::vector<ltEvent*> kept;
+    for (int i = 0; i < 3; ++i) {
+        kept.push_back(new ltEvent(1, 1, 0, 0, nullptr, 0));
+        ASSERT_EQ(0, queue->post(*kept.back(), 0));
+    }
+    for (int i = 0; i < 3; ++i)
+        ASSERT_EQ(0, queue->processNextEvent());  // each kept: put back
+    EXPECT_EQ(-1, queue->processNextEvent());
+    EXPECT_EQ(EAGAIN, errno);
+    ASSERT_EQ(0, queue->post(*newEvent(7), 0));  // 3 put back + 1: the one past the limit
+    auto* refused = newEvent(8);
+    EXPECT_EQ(-1, queue->post(*refused, 0));
+    EXPECT_EQ(EAGAIN, errno);
+    EXPECT_EQ(0, queue->processNextEvent());
+    EXPECT_EQ(std::vector<unsigned>{7}, seen);
+    EXPECT_EQ(-1, queue->processNextEvent());
+    delete refused;
+
+    // Their TTL timers would remove them: so does the callback, wherever they sit.
+    for (ltEvent* e : kept)
+        EXPECT_EQ(0, ltEventQueue::cbEventTimeOut(0, ltTime(0, 0), e));
+    EXPECT_EQ(-1, queue->processNextEvent());  // now found empty
+    EXPECT_EQ(2, queue->removeEventHandlers(0, 0, nullptr, true));
+    delete queue;
+}
+
+}  // namespace
