@@ -166,36 +166,6 @@ private:
     boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_;
 };
 
-void AsioThroughput(benchmark::State& state)
-{
-    AsioRoad& road = AsioRoad::get();
-    uint64_t target = road.handled.load();
-    for (auto _ : state) {
-        for (int i = 0; i < kBatch; ++i)
-            road.post(0);
-        target += kBatch;
-        if (!bench::waitFor(road.handled, target))
-            state.SkipWithError("handlers were lost");
-    }
-    state.SetItemsProcessed(state.iterations() * kBatch);
-}
-
-void AsioLatency(benchmark::State& state)
-{
-    AsioRoad& road = AsioRoad::get();
-    bench::LatencyRecorder latency(kLatencySamples);
-    road.latency = &latency;
-    uint64_t target = road.handled.load();
-    for (auto _ : state) {
-        road.post(bench::nowNs());
-        if (!bench::waitFor(road.handled, ++target))
-            state.SkipWithError("handler was lost");
-    }
-    road.latency = nullptr;
-    state.SetItemsProcessed(state.iterations());
-    latency.report(state);
-}
-
 // -- libuv: uv_async_send plus a locked queue
 
 class UvRoad {
@@ -248,36 +218,6 @@ private:
     std::vector<uint64_t> pending_;   // under mutex_
     std::vector<uint64_t> draining_;  // loop thread
 };
-
-void LibuvThroughput(benchmark::State& state)
-{
-    UvRoad& road = UvRoad::get();
-    uint64_t target = road.handled.load();
-    for (auto _ : state) {
-        for (int i = 0; i < kBatch; ++i)
-            road.post(0);
-        target += kBatch;
-        if (!bench::waitFor(road.handled, target))
-            state.SkipWithError("messages were lost");
-    }
-    state.SetItemsProcessed(state.iterations() * kBatch);
-}
-
-void LibuvLatency(benchmark::State& state)
-{
-    UvRoad& road = UvRoad::get();
-    bench::LatencyRecorder latency(kLatencySamples);
-    road.latency = &latency;
-    uint64_t target = road.handled.load();
-    for (auto _ : state) {
-        road.post(bench::nowNs());
-        if (!bench::waitFor(road.handled, ++target))
-            state.SkipWithError("message was lost");
-    }
-    road.latency = nullptr;
-    state.SetItemsProcessed(state.iterations());
-    latency.report(state);
-}
 
 // The same road with each message a heap object that the handler deletes, as an ltEvent is:
 // what the allocation alone costs a cross-thread road.
@@ -346,6 +286,41 @@ void LibuvHeapThroughput(benchmark::State& state)
             state.SkipWithError("messages were lost");
     }
     state.SetItemsProcessed(state.iterations() * kBatch);
+}
+
+// -- the peers' throughput and latency: the same loops for every road with post(stamp),
+//    a 'handled' counter and a 'latency' recorder
+
+template <typename Road>
+void PeerThroughput(benchmark::State& state)
+{
+    Road& road = Road::get();
+    uint64_t target = road.handled.load();
+    for (auto _ : state) {
+        for (int i = 0; i < kBatch; ++i)
+            road.post(0);
+        target += kBatch;
+        if (!bench::waitFor(road.handled, target))
+            state.SkipWithError("messages were lost");
+    }
+    state.SetItemsProcessed(state.iterations() * kBatch);
+}
+
+template <typename Road>
+void PeerLatency(benchmark::State& state)
+{
+    Road& road = Road::get();
+    bench::LatencyRecorder latency(kLatencySamples);
+    road.latency = &latency;
+    uint64_t target = road.handled.load();
+    for (auto _ : state) {
+        road.post(bench::nowNs());
+        if (!bench::waitFor(road.handled, ++target))
+            state.SkipWithError("message was lost");
+    }
+    road.latency = nullptr;
+    state.SetItemsProcessed(state.iterations());
+    latency.report(state);
 }
 
 // -- the floor: a bare pipe and select()
@@ -487,10 +462,10 @@ void PipeSelectStream(benchmark::State& state)
 // The latency runs go first, while the loops have seen nothing else.
 BENCHMARK(PipeSelectPingPong)->UseRealTime()->Unit(benchmark::kMicrosecond)->Iterations(kLatencySamples);
 BENCHMARK(LibraryLatency)->UseRealTime()->Unit(benchmark::kMicrosecond)->Iterations(kLatencySamples);
-BENCHMARK(AsioLatency)->UseRealTime()->Unit(benchmark::kMicrosecond)->Iterations(kLatencySamples);
-BENCHMARK(LibuvLatency)->UseRealTime()->Unit(benchmark::kMicrosecond)->Iterations(kLatencySamples);
+BENCHMARK(PeerLatency<AsioRoad>)->Name("AsioLatency")->UseRealTime()->Unit(benchmark::kMicrosecond)->Iterations(kLatencySamples);
+BENCHMARK(PeerLatency<UvRoad>)->Name("LibuvLatency")->UseRealTime()->Unit(benchmark::kMicrosecond)->Iterations(kLatencySamples);
 BENCHMARK(LibraryThroughput)->UseRealTime()->Unit(benchmark::kMillisecond)->MinTime(2.0);
-BENCHMARK(AsioThroughput)->UseRealTime()->Unit(benchmark::kMillisecond)->MinTime(2.0);
-BENCHMARK(LibuvThroughput)->UseRealTime()->Unit(benchmark::kMillisecond)->MinTime(2.0);
+BENCHMARK(PeerThroughput<AsioRoad>)->Name("AsioThroughput")->UseRealTime()->Unit(benchmark::kMillisecond)->MinTime(2.0);
+BENCHMARK(PeerThroughput<UvRoad>)->Name("LibuvThroughput")->UseRealTime()->Unit(benchmark::kMillisecond)->MinTime(2.0);
 BENCHMARK(LibuvHeapThroughput)->UseRealTime()->Unit(benchmark::kMillisecond)->MinTime(2.0);
 BENCHMARK(PipeSelectStream)->UseRealTime()->Unit(benchmark::kMillisecond)->MinTime(2.0);
