@@ -65,6 +65,9 @@ public:
 
 private:
     friend struct ltAbiLayout;  // the ABI test reads the field offsets; nothing else
+    bool applyPublicKey(int (*op)(int, const unsigned char*, unsigned char*, RSA*, int),
+                        const char* name, const unsigned char* from, unsigned char* to);
+
     RSA* key;         // made in the constructor before the file is opened; never released
     bool keyInvalid;  // the file could not be opened or lacked a field
 };

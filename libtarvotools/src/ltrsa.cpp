@@ -89,24 +89,24 @@ ltrsa::ltrsa(int mode) : key(nullptr), keyInvalid(false)
 
 bool ltrsa::decryptSignature(const unsigned char* from, unsigned char* to)
 {
-    if (keyInvalid || key == nullptr) {  // no key object at all counts as invalid too
-        // "intialized", spelled so: kept, log filters match the text.
-        LT_DEBUG(kLtDebugLevelDefault, "decryptSignature", "Public key not properly intialized\n");
-        return false;
-    }
-    if (from == nullptr || to == nullptr)
-        return false;  // no block to work on: a failed operation
-    return RSA_public_decrypt(LTSIGNATURE_SIZE, from, to, key, RSA_NO_PADDING) == LTSIGNATURE_SIZE;
+    return applyPublicKey(RSA_public_decrypt, "decryptSignature", from, to);
 }
 
 bool ltrsa::encryptSignature(const unsigned char* from, unsigned char* to)
 {
+    return applyPublicKey(RSA_public_encrypt, "encryptSignature", from, to);
+}
+
+// One raw public-key operation on a LTSIGNATURE_SIZE block, reported under 'name'.
+bool ltrsa::applyPublicKey(int (*op)(int, const unsigned char*, unsigned char*, RSA*, int),
+                           const char* name, const unsigned char* from, unsigned char* to)
+{
     if (keyInvalid || key == nullptr) {  // no key object at all counts as invalid too
         // "intialized", spelled so: kept, log filters match the text.
-        LT_DEBUG(kLtDebugLevelDefault, "encryptSignature", "Public key not properly intialized\n");
+        LT_DEBUG(kLtDebugLevelDefault, name, "Public key not properly intialized\n");
         return false;
     }
     if (from == nullptr || to == nullptr)
         return false;  // no block to work on: a failed operation
-    return RSA_public_encrypt(LTSIGNATURE_SIZE, from, to, key, RSA_NO_PADDING) == LTSIGNATURE_SIZE;
+    return op(LTSIGNATURE_SIZE, from, to, key, RSA_NO_PADDING) == LTSIGNATURE_SIZE;
 }
