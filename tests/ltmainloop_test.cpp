@@ -7,11 +7,14 @@
 #include <sys/mman.h>
 #include <sys/time.h>
 
+#include <algorithm>
 #include <atomic>
 #include <new>
+#include <random>
 #include <vector>
 
 #include "ltclock.h"
+#include "lttimerindex.h"
 
 namespace {
 
@@ -21,6 +24,12 @@ struct CoreLoop : ltAbstractMainLoop {
     void exec() override {}
     void setNow(const ltTime& t) { now_.store(t); }
     uint32_t flags() const { return flags_.load(); }
+    // Without its expiry index the loop walks the timer table, as when the index found no memory.
+    void dropIndex()
+    {
+        delete timerIndex_;
+        timerIndex_ = nullptr;
+    }
     using ltAbstractMainLoop::members_;
     using ltAbstractMainLoop::timers_;
     using ltAbstractMainLoop::ioHandles_;
@@ -193,6 +202,113 @@ TEST(TimerFiring, TimerWithoutCallbackCallsItsReceiver)
     loop.processTimeouts();
     EXPECT_EQ(1, object.calls);
     EXPECT_EQ(id, object.lastId);
+}
+
+int slotOf(int id) { return id & ((1 << 14) - 1); }  // ids carry a generation above the slot
+
+struct Burst {
+    CoreLoop* loop;
+    std::vector<int> fired;
+    std::vector<int> added;
+    int toAdd = 0;
+};
+
+// Records the firing; the first call adds 'toAdd' timers that are already due.
+int fireAndAdd(int id, const ltTime&, void* user)
+{
+    auto* b = static_cast<Burst*>(user);
+    b->fired.push_back(id);
+    for (; b->toAdd > 0; --b->toAdd)
+        b->added.push_back(b->loop->doAddTimer(timerAbsolute, wallIn(-100), ltTime::noTime, fireAndAdd, b));
+    return 0;
+}
+
+std::vector<int> bySlot(std::vector<int> ids)
+{
+    std::sort(ids.begin(), ids.end(), [](int a, int b) { return slotOf(a) < slotOf(b); });
+    return ids;
+}
+
+// Many timers, some removed, and a callback that adds due timers while the pass runs, so that
+// the table grows under it: a timer added behind the pass, or beyond the capacity the pass
+// started with, waits for the next one. Run with the expiry index and with the plain walk.
+TEST(TimerFiring, ManyTimersFireInSlotOrderWhileCallbacksGrowTheTable)
+{
+    for (bool walk : {false, true}) {
+        SCOPED_TRACE(walk ? "walked" : "indexed");
+        CoreLoop loop;
+        if (walk)
+            loop.dropIndex();
+        std::mt19937 random(5);
+        Burst b{&loop, {}, {}, 0};
+        std::vector<int> due;
+        for (int i = 0; i < 200; ++i) {
+            const bool isDue = random() % 2 == 0;
+            const int seconds = isDue ? -1 - static_cast<int>(random() % 50) : 60 + static_cast<int>(random() % 50);
+            const int id = loop.doAddTimer(timerAbsolute, wallIn(seconds), ltTime::noTime, fireAndAdd, &b);
+            ASSERT_NE(0, id);
+            if (i % 5 == 4)
+                loop.removeTimer(id);
+            else if (isDue)
+                due.push_back(id);
+        }
+        ASSERT_EQ(256, loop.timers_.capacity);
+        due = bySlot(due);
+        b.toAdd = 100;  // 160 + 100 entries: the table grows to 512 slots during the pass
+
+        loop.setNow(lt_internal::monotonicNow());
+        loop.processTimeouts();
+        ASSERT_EQ(512, loop.timers_.capacity);
+        std::vector<int> first = due, second;
+        for (int id : b.added) {
+            ASSERT_NE(0, id);
+            const bool ahead = slotOf(id) > slotOf(due[0]) && slotOf(id) < 256;
+            (ahead ? first : second).push_back(id);
+        }
+        EXPECT_EQ(bySlot(first), b.fired);
+
+        b.fired.clear();
+        loop.processTimeouts();
+        EXPECT_EQ(bySlot(second), b.fired);
+
+        // Only the timers that are not due are left; the next wake-up is the earliest of them.
+        ltTime earliest(kLtTimeNever, 0);
+        for (int i = 0; i < loop.timers_.capacity; ++i) {
+            const auto* e = static_cast<const ltAbstractMainLoop::TimerEntry*>(loop.timers_.slotFor(i));
+            if (e->expiry.sec != 0 && ltTimeBefore(e->expiry, earliest))
+                earliest = e->expiry;
+        }
+        EXPECT_EQ(earliest, loop.getNextWakeupTime());
+        EXPECT_TRUE(ltTimeBefore(lt_internal::monotonicNow(), earliest));
+    }
+}
+
+struct NowMover {
+    CoreLoop* loop;
+    ltTime moveTo;
+    std::vector<int> fired;
+};
+
+int moveNow(int id, const ltTime&, void* user)
+{
+    auto* m = static_cast<NowMover*>(user);
+    m->fired.push_back(id);
+    m->loop->setNow(m->moveTo);  // as a callback adding a relative timer renews the cached now
+    return 0;
+}
+
+TEST(TimerFiring, CachedNowRenewedByACallbackCountsForLaterSlots)
+{
+    CoreLoop loop;
+    const ltTime now = lt_internal::monotonicNow();
+    NowMover m{&loop, ltTimeAdd(now, ltTime(20, 0)), {}};
+    const int first = loop.doAddTimer(timerAbsolute, wallIn(-1), ltTime::noTime, moveNow, &m);
+    const int later = loop.doAddTimer(timerAbsolute | timerPeriodic, wallIn(10), ltTime(5, 0), moveNow, &m);
+    ASSERT_LT(slotOf(first), slotOf(later));
+    loop.setNow(now);
+    loop.processTimeouts();
+    EXPECT_EQ((std::vector<int>{first, later}), m.fired);
+    EXPECT_EQ(ltTimeAdd(now, ltTime(25, 0)), loop.getNextWakeupTime());  // re-armed from the new now
 }
 
 TEST(TimerTable, FullTableRefusesButStillWakesTheLoop)

@@ -27,6 +27,10 @@
 #include "ltidtable.h"
 #include "ltmainloop.h"
 
+namespace lt_internal {
+class TimerIndex;
+}
+
 class LT_EXPORT ltAbstractMainLoop : public ltMainLoop {
 public:
     /// Dirty flags.
@@ -116,7 +120,7 @@ protected:
 
     pthread_mutex_t membersMutex_;  ///< guards members_
     ltIdTable members_;             ///< MemberEntry; 8 slots growing to 4096
-    pthread_mutex_t timerMutex_;    ///< guards timers_ and timerInUse_
+    pthread_mutex_t timerMutex_;    ///< guards timers_ and timerIndex_
     ltIdTable timers_;              ///< TimerEntry; 64 slots growing to 16384
     pthread_mutex_t ioMutex_;       ///< guards ioHandles_
     ltIdTable ioHandles_;           ///< IOEntry; 4 slots growing to 4096
@@ -124,14 +128,17 @@ protected:
     CachedTime now_;                ///< monotonic; what processTimeouts() compares against
     ltTime nextWakeup_;             ///< valid while kWakeupStale is clear; loop thread only
 
-    static constexpr int kTimerMaxSlots = 16384;  ///< the timer table never grows past this
-    /// Which timer slots are in use, one bit per slot, kept beside the timer table under the
-    /// timer mutex, so that a pass costs nothing for the table's empty slots.
-    uint64_t timerInUse_[kTimerMaxSlots / 64];
+    /// The earliest expiry over ranges of timer slots, kept beside the timer table under the
+    /// timer mutex, so that finding the next wake-up or the next expired timer does not walk
+    /// the table. Null, or covering fewer slots than the table, when its memory could not be
+    /// had: the table is walked then.
+    lt_internal::TimerIndex* timerIndex_;
 
 private:
-    void markTimerSlot(int id, bool inUse);
-    int nextTimerInUse(int from, int capacity) const;
+    bool timerIndexCurrent() const;
+    void syncTimerIndex();
+    void indexTimer(int slot, const TimerEntry* entry);
+    int nextDueTimer(int from, int capacity, const ltTime& now) const;
 };
 
 static_assert(sizeof(void*) != 4 || sizeof(ltAbstractMainLoop::MemberEntry) == 3 * 4,

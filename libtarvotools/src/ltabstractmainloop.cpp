@@ -2,9 +2,11 @@
 #include "ltabstractmainloop.h"
 
 #include <cstring>
+#include <new>
 
 #include "ltclock.h"
 #include "ltmutexlock.h"
+#include "lttimerindex.h"
 
 using lt_internal::MutexLock;
 
@@ -45,13 +47,14 @@ ltAbstractMainLoop::ltAbstractMainLoop()
       flags_(kInitialFlags),
       now_(ltTime(0, 0)),
       nextWakeup_(kLtTimeNever, 0),
-      timerInUse_()
+      timerIndex_(new (std::nothrow) lt_internal::TimerIndex)
 {
     // Default attributes: pthread_mutex_init cannot fail on Linux, so there is nothing to
     // undo. A table whose allocation failed hands out no ids.
     (void)pthread_mutex_init(&membersMutex_, nullptr);
     (void)pthread_mutex_init(&timerMutex_, nullptr);
     (void)pthread_mutex_init(&ioMutex_, nullptr);
+    syncTimerIndex();
 }
 
 ltAbstractMainLoop::~ltAbstractMainLoop()
@@ -59,33 +62,54 @@ ltAbstractMainLoop::~ltAbstractMainLoop()
     (void)pthread_mutex_destroy(&ioMutex_);
     (void)pthread_mutex_destroy(&timerMutex_);
     (void)pthread_mutex_destroy(&membersMutex_);
+    delete timerIndex_;
 }
 
-void ltAbstractMainLoop::markTimerSlot(int id, bool inUse)
+// True when the index covers exactly the timer table's slots. Caller holds timerMutex_.
+bool ltAbstractMainLoop::timerIndexCurrent() const
 {
-    const uint32_t slot = static_cast<uint32_t>(id) & (timers_.capacity - 1u);
-    const uint64_t bit = uint64_t{1} << (slot % 64);
-    if (inUse)
-        timerInUse_[slot / 64] |= bit;
+    return timerIndex_ != nullptr && timers_.capacity != 0 && timerIndex_->slots() == timers_.capacity;
+}
+
+// Rebuilds the index after the table was built or grew (or after an earlier attempt found no
+// memory). Caller holds timerMutex_, or is the constructor.
+void ltAbstractMainLoop::syncTimerIndex()
+{
+    if (timerIndex_ == nullptr || timers_.capacity == 0 || timerIndex_->slots() == timers_.capacity)
+        return;
+    if (!timerIndex_->reset(timers_.capacity))
+        return;  // walked without it until a later addition finds the memory
+    timerIndex_->rebuild([this](int slot) -> const ltTime* {
+        const TimerEntry* e = entryAt<TimerEntry>(timers_, slot);
+        return e->expiry.sec != 0 ? &e->expiry : nullptr;
+    });
+}
+
+// Records slot's entry (null: the slot is free) in the index. Caller holds timerMutex_.
+void ltAbstractMainLoop::indexTimer(int slot, const TimerEntry* entry)
+{
+    if (!timerIndexCurrent())
+        return;
+    if (entry != nullptr)
+        timerIndex_->set(slot, entry->expiry);
     else
-        timerInUse_[slot / 64] &= ~bit;
+        timerIndex_->clear(slot);
 }
 
-// The first slot in use at or after 'from', or 'capacity' when there is none.
-int ltAbstractMainLoop::nextTimerInUse(int from, int capacity) const
+// The first slot at or after 'from' holding a timer that has expired at 'now', or 'capacity'
+// when there is none below it. Caller holds timerMutex_.
+int ltAbstractMainLoop::nextDueTimer(int from, int capacity, const ltTime& now) const
 {
-    if (from >= capacity)
-        return capacity;
-    int word = from / 64;
-    uint64_t bits = timerInUse_[word] & (~uint64_t{0} << (from % 64));
-    const int words = (capacity + 63) / 64;
-    while (bits == 0) {
-        if (++word >= words)
-            return capacity;
-        bits = timerInUse_[word];
+    if (timerIndexCurrent()) {
+        const int slot = timerIndex_->firstDue(from, now);
+        return slot < capacity ? slot : capacity;
     }
-    const int slot = word * 64 + __builtin_ctzll(bits);
-    return slot < capacity ? slot : capacity;
+    for (int slot = from; slot < capacity; ++slot) {
+        const TimerEntry* e = entryAt<TimerEntry>(timers_, slot);
+        if (e->expiry.sec != 0 && ltTimeNotAfter(e->expiry, now))
+            return slot;
+    }
+    return capacity;
 }
 
 ltTime ltAbstractMainLoop::refreshNow()
@@ -134,7 +158,7 @@ void ltAbstractMainLoop::removeTimer(int id)
         return;
     MutexLock lock(timerMutex_);
     if (timers_.removeMember(id) == 0) {
-        markTimerSlot(id, false);
+        indexTimer(id & (timers_.capacity - 1), nullptr);
         setFlags(kTimersChanged | kWakeupStale);
     }
 }
@@ -164,8 +188,10 @@ int ltAbstractMainLoop::doAddTimer(timerFlags_t flags, const ltTime& first, cons
         MutexLock lock(timerMutex_);
         id = timers_.putMember(&entry);
         if (id != 0) {
-            entryAt<TimerEntry>(timers_, id)->id = id;
-            markTimerSlot(id, true);
+            TimerEntry* e = entryAt<TimerEntry>(timers_, id);
+            e->id = id;
+            syncTimerIndex();  // the table may have grown
+            indexTimer(id & (timers_.capacity - 1), e);
             setFlags(kTimersChanged | kWakeupStale);
         }
     }
@@ -196,11 +222,16 @@ ltTime ltAbstractMainLoop::getNextWakeupTime()
         return nextWakeup_;
     ltTime next(kLtTimeNever, 0);
     MutexLock lock(timerMutex_);
-    const int capacity = timers_.capacity;
-    for (int i = nextTimerInUse(0, capacity); i < capacity; i = nextTimerInUse(i + 1, capacity)) {
-        const TimerEntry* e = entryAt<TimerEntry>(timers_, i);
-        if (ltTimeBefore(e->expiry, next))
-            next = e->expiry;
+    if (timerIndexCurrent()) {
+        ltTime earliest;
+        if (timerIndex_->earliest(earliest) && ltTimeBefore(earliest, next))
+            next = earliest;
+    } else {
+        for (int i = 0; i < timers_.capacity; ++i) {
+            const TimerEntry* e = entryAt<TimerEntry>(timers_, i);
+            if (e->expiry.sec != 0 && ltTimeBefore(e->expiry, next))
+                next = e->expiry;
+        }
     }
     nextWakeup_ = next;
     clearFlags(kWakeupStale);
@@ -209,29 +240,34 @@ ltTime ltAbstractMainLoop::getNextWakeupTime()
 
 void ltAbstractMainLoop::processTimeouts()
 {
-    const ltTime now = now_.load();
     // While the cached next wake-up is valid it is the earliest expiry in the table: nothing
     // can have expired before it.
-    if (!hasFlags(kWakeupStale) && ltTimeBefore(now, nextWakeup_))
+    if (!hasFlags(kWakeupStale) && ltTimeBefore(now_.load(), nextWakeup_))
         return;
 
     MutexLock lock(timerMutex_);
     if (timers_.count == 0 || timers_.capacity == 0)
         return;
     const int capacity = timers_.capacity;  // slots added while firing wait for the next call
-    for (int i = nextTimerInUse(0, capacity); i < capacity; i = nextTimerInUse(i + 1, capacity)) {
+    // The cached now is read afresh for every slot: a callback adding a relative timer renews it.
+    for (int i = 0;; ++i) {
+        const ltTime now = now_.load();
+        i = nextDueTimer(i, capacity, now);
+        if (i >= capacity)
+            break;
         TimerEntry* e = entryAt<TimerEntry>(timers_, i);  // re-read: a callback may have moved the table
-        if (!ltTimeNotAfter(e->expiry, now))
-            continue;
+        if (e->expiry.sec == 0 || !ltTimeNotAfter(e->expiry, now))
+            continue;  // the index rounds one expiry down by a microsecond: it only proposes
         const TimerEntry fired = *e;
         if (fired.period.isNoTime()) {
             (void)timers_.removeMember(fired.id);  // the slot is in use: cannot fail
-            markTimerSlot(fired.id, false);
+            indexTimer(i, nullptr);
             setFlags(kTimersChanged | kWakeupStale);
         } else {
             // Re-armed from now, not from the old expiry: a late timer shifts its schedule
             // instead of catching up. Kept: callers rely on it.
             e->expiry = ltTimeAdd(now, fired.period);
+            indexTimer(i, e);
             setFlags(kWakeupStale);
         }
         lock.unlock();  // the callback may add or remove timers, its own included
