@@ -25,7 +25,8 @@ END = "<!-- figures:end -->"
 
 
 def load(results):
-    """{base name: {arg or None: benchmark record}} over every program's JSON, plus contexts."""
+    """{base name: {arg or None: benchmark record}} over every program's JSON, plus contexts.
+    A benchmark run several times is represented by its median."""
     runs, contexts = {}, {}
     for name in sorted(os.listdir(results)):
         if not name.endswith(".json"):
@@ -33,9 +34,13 @@ def load(results):
         with open(os.path.join(results, name)) as f:
             data = json.load(f)
         contexts[name[:-5]] = data.get("context", {})
-        for b in data.get("benchmarks", []):
+        benchmarks = data.get("benchmarks", [])
+        medians = {b["run_name"]: b for b in benchmarks
+                   if b.get("run_type") == "aggregate" and b.get("aggregate_name") == "median"}
+        for b in benchmarks:
             if b.get("run_type", "iteration") != "iteration" or b.get("error_occurred"):
                 continue
+            b = medians.get(b.get("run_name"), b)
             parts = b["name"].split("/")
             arg = int(parts[1]) if len(parts) > 1 and parts[1].isdigit() else None
             if ("Fires" in parts[0] or "Descriptors" in parts[0]) and b.get("fired_per_pass", 1.0) < 0.5:
