@@ -163,7 +163,7 @@ package-check: deps
 BENCH_DEB_PACKAGES = libbenchmark-dev libuv1-dev liburiparser-dev pkg-config python3-matplotlib
 BENCH_BUILD ?= build-bench
 BENCH_PROGRAMS = road_bench loop_bench queue_bench uri_bench crypto_bench
-# The cross-thread figures move with the machine's load from second to second: the road runs
+# The cross-thread figures move with what the shared host gives the machine: the road runs
 # each benchmark five times in random order, so that every peer sees the same conditions, and
 # the report takes the medians.
 BENCH_ARGS_road_bench = --benchmark_repetitions=5 --benchmark_enable_random_interleaving=true
