@@ -22,14 +22,13 @@ struct CoreLoop : ltAbstractMainLoop {
     std::atomic<int> wakeups{0};
     void wakeupEventLoop() override { ++wakeups; }
     void exec() override {}
-    void setNow(const ltTime& t) { now_.store(t); }
-    uint32_t flags() const { return flags_.load(); }
-    // Without its expiry index the loop walks the timer table, as when the index found no memory.
-    void dropIndex()
+    void setNow(const ltTime& t)
     {
-        delete timerIndex_;
-        timerIndex_ = nullptr;
+        pthread_mutex_lock(&timerMutex_);
+        now_ = t;
+        pthread_mutex_unlock(&timerMutex_);
     }
+    uint32_t flags() const { return __atomic_load_n(&flags_, __ATOMIC_RELAXED); }
     using ltAbstractMainLoop::members_;
     using ltAbstractMainLoop::timers_;
     using ltAbstractMainLoop::ioHandles_;
@@ -231,14 +230,11 @@ std::vector<int> bySlot(std::vector<int> ids)
 
 // Many timers, some removed, and a callback that adds due timers while the pass runs, so that
 // the table grows under it: a timer added behind the pass, or beyond the capacity the pass
-// started with, waits for the next one. Run with the expiry index and with the plain walk.
+// started with, waits for the next one.
 TEST(TimerFiring, ManyTimersFireInSlotOrderWhileCallbacksGrowTheTable)
 {
-    for (bool walk : {false, true}) {
-        SCOPED_TRACE(walk ? "walked" : "indexed");
+    {
         CoreLoop loop;
-        if (walk)
-            loop.dropIndex();
         std::mt19937 random(5);
         Burst b{&loop, {}, {}, 0};
         std::vector<int> due;
@@ -309,6 +305,113 @@ TEST(TimerFiring, CachedNowRenewedByACallbackCountsForLaterSlots)
     loop.processTimeouts();
     EXPECT_EQ((std::vector<int>{first, later}), m.fired);
     EXPECT_EQ(ltTimeAdd(now, ltTime(25, 0)), loop.getNextWakeupTime());  // re-armed from the new now
+}
+
+// A periodic timer re-armed into second 0 (a negative period, or a monotonic clock in its
+// first second) holds the free key: every walk skips it from then on. It must neither fire
+// again nor be the next wake-up, or the loop would spin on it for ever.
+TEST(TimerFiring, TimerReArmedIntoSecondZeroIsSkippedLikeAFreeSlot)
+{
+    const int32_t later = lt_internal::monotonicNow().sec + 5;
+    ltTime first = lt_internal::wallClockNow();
+    first -= lt_internal::monotonicNow();
+    const ltTime beforeZero = ltTimeAdd(first, ltTime(-1, -500000));  // monotonic (-1, -500000)
+    struct Case {
+        ltTime first, period, now;
+    };
+    for (const Case& c : {Case{wallIn(-1), ltTime(-later, 0), ltTime(later, 0)},  // re-armed at (0, 0)
+                          Case{beforeZero, ltTime(0, 300000), ltTime(0, 200000)}}) {  // at (0, 500000)
+        SCOPED_TRACE(c.period.sec);
+        CoreLoop loop;
+        Recorder r;
+        const int id = loop.doAddTimer(timerAbsolute | timerPeriodic, c.first, c.period, record, &r);
+        ASSERT_NE(0, id);
+        loop.setNow(c.now);
+        loop.processTimeouts();
+        ASSERT_EQ(1u, r.fired.size());
+        EXPECT_EQ(0, static_cast<const ltAbstractMainLoop::TimerEntry*>(loop.timers_.slotFor(id))->expiry.sec);
+
+        EXPECT_EQ(ltTime(kLtTimeNever, 0), loop.getNextWakeupTime());
+        loop.setNow(ltTime(0, 900000));
+        loop.processTimeouts();
+        EXPECT_EQ(1u, r.fired.size());
+        EXPECT_EQ(1, loop.timers_.count);  // still counted: the table does not see the slot
+        loop.removeTimer(id);              // reads as already free: nothing changes
+        EXPECT_EQ(1, loop.timers_.count);
+
+        // The slot is free for the next timer, which fires and wakes the loop as usual.
+        const int next = loop.doAddTimer(timerAbsolute, wallIn(-1), ltTime::noTime, record, &r);
+        ASSERT_NE(0, next);
+        EXPECT_NE(ltTime(kLtTimeNever, 0), loop.getNextWakeupTime());
+        loop.setNow(lt_internal::monotonicNow());
+        loop.processTimeouts();
+        EXPECT_EQ(2u, r.fired.size());
+    }
+}
+
+// What the loop does must be what a walk over its timer table does: the earliest armed expiry
+// as the next wake-up; every armed slot whose expiry is not later than now fired in slot order,
+// one-shots removed, periodic ones re-armed at now + period. Random periods and nows around
+// second 0 and below it, so that re-armed expiries land in second 0 and at negative times.
+TEST(TimerFiring, LoopAnswersAsAWalkOverItsTable)
+{
+    std::mt19937 random(17);
+    auto near = [&](int span) { return ltTime(static_cast<int32_t>(random() % (2 * span + 1)) - span,
+                                              static_cast<int32_t>(random() % 3) * 400000); };
+    CoreLoop loop;
+    Recorder r;
+    auto entryAt = [&](int slot) { return static_cast<const ltAbstractMainLoop::TimerEntry*>(loop.timers_.slotFor(slot)); };
+    std::vector<int> ids;
+    for (int step = 0; step < 3000; ++step) {
+        const unsigned op = random() % 4;
+        if (op == 0 && loop.timers_.count < 300) {
+            ltTime period = near(3);
+            if (period.sec < 0)
+                period.usec = -period.usec;  // keep the normal form
+            if (random() % 4 == 0)
+                period = ltTime::noTime;
+            // First expiry at a monotonic time of a few seconds either side of 0, never in second 0.
+            ltTime at(static_cast<int32_t>(random() % 3) + 1, 400000);
+            if (random() % 2 == 0)
+                at = ltTime(-at.sec, -at.usec);
+            ltTime first = lt_internal::wallClockNow();
+            first -= lt_internal::monotonicNow();
+            const int id = loop.doAddTimer(timerAbsolute | (period.isNoTime() ? static_cast<timerFlags_t>(0) : timerPeriodic),
+                                           ltTimeAdd(first, at), period, record, &r);
+            ASSERT_NE(0, id);
+            ids.push_back(id);
+        } else if (op == 1 && !ids.empty()) {
+            const size_t k = random() % ids.size();
+            loop.removeTimer(ids[k]);
+            ids.erase(ids.begin() + static_cast<long>(k));
+        } else {
+            const ltTime now = near(4);
+            // The walk, on a copy of the table taken before the pass.
+            std::vector<int> due;
+            std::vector<ltAbstractMainLoop::TimerEntry> before;
+            for (int i = 0; i < loop.timers_.capacity; ++i) {
+                before.push_back(*entryAt(i));
+                if (entryAt(i)->expiry.sec != 0 && ltTimeNotAfter(entryAt(i)->expiry, now))
+                    due.push_back(i);
+            }
+            loop.setNow(now);
+            r.fired.clear();
+            loop.processTimeouts();
+            ASSERT_EQ(due.size(), r.fired.size());
+            for (size_t k = 0; k < due.size(); ++k) {
+                const auto& old = before[static_cast<size_t>(due[k])];
+                ASSERT_EQ(old.id, r.fired[k].id);
+                ASSERT_EQ(old.expiry, r.fired[k].expiry);
+                const ltTime expected = old.period.isNoTime() ? ltTime(0, old.expiry.usec) : ltTimeAdd(now, old.period);
+                ASSERT_EQ(expected, entryAt(due[k])->expiry);
+            }
+        }
+        ltTime earliest(kLtTimeNever, 0);
+        for (int i = 0; i < loop.timers_.capacity; ++i)
+            if (entryAt(i)->expiry.sec != 0 && ltTimeBefore(entryAt(i)->expiry, earliest))
+                earliest = entryAt(i)->expiry;
+        ASSERT_EQ(earliest, loop.getNextWakeupTime()) << "step " << step;
+    }
 }
 
 TEST(TimerTable, FullTableRefusesButStillWakesTheLoop)

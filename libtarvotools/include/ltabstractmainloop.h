@@ -14,22 +14,28 @@
 /// Time: expiries are kept on the monotonic clock. An absolute timer's wall-clock time is
 /// turned into monotonic time when it is added.
 ///
+/// Second 0: an expiry whose seconds are 0 is the free key of the timer table. A timer whose
+/// first expiry falls in second 0 is refused (id 0); a periodic timer re-armed into second 0
+/// (a negative period, or a monotonic clock in its first second) reads as a free slot from
+/// then on: it fires no more, is never the next wake-up, removeTimer() ignores its id, its
+/// slot stays counted and a later timer may take it over. Kept: the table has no other state.
+///
+/// Beside the timer table the loop keeps an index of the expiries (outside the object, which
+/// has no room for it), so that finding the next wake-up or the next expired timer does not
+/// walk every slot; it answers exactly as the walk does. Without memory for it the table is
+/// walked.
+///
 //===----------------------------------------------------------------------===//
 #ifndef LTABSTRACTMAINLOOP_H
 #define LTABSTRACTMAINLOOP_H
 
 #include <pthread.h>
 
-#include <atomic>
 #include <cstdint>
 
 #include "ltexport.h"
 #include "ltidtable.h"
 #include "ltmainloop.h"
-
-namespace lt_internal {
-class TimerIndex;
-}
 
 class LT_EXPORT ltAbstractMainLoop : public ltMainLoop {
 public:
@@ -43,15 +49,16 @@ public:
         kInitialFlags = 0x1E,     ///< a new loop reads the clock, the timers and the handles
     };
 
-    /// Member table entry: 3 words on a 32-bit build. The member word carries kMemberLive in
-    /// its low bit, so that its key (the low 32 bits) is never 0, even for a 64-bit address
-    /// whose low half is 0.
+    /// Member table entry: 3 words on a 32-bit build. On a 64-bit build the member word
+    /// carries kMemberLive in its low bit, so that its key (the low 32 bits) is never 0, even
+    /// for an address whose low half is 0; on a 32-bit build it is the plain address.
     struct MemberEntry {
         uintptr_t member;  ///< the ltMainLoopMember's address, ORed with kMemberLive
         int32_t id;        ///< the member's id
         uintptr_t unused;  ///< not used
     };
-    static constexpr uintptr_t kMemberLive = 1;  ///< low bit of a member word in use
+    /// Low bit of a member word in use; 0 where the key is the whole address.
+    static constexpr uintptr_t kMemberLive = sizeof(uintptr_t) > sizeof(uint32_t) ? 1 : 0;
 
     /// Timer table entry: 7 words on a 32-bit build; free when expiry.sec is 0.
     struct TimerEntry {
@@ -94,51 +101,30 @@ public:
                       ltIOHandleCallback callback, void* userData) override;
 
 protected:
-    /// The cached now, one 64-bit word so that a reader on the loop thread never sees half of
-    /// a time written by a thread adding a timer.
-    class CachedTime {
-    public:
-        /// Holds t.
-        explicit CachedTime(const ltTime& t) { store(t); }
-        /// The time last stored. Any thread.
-        ltTime load() const;
-        /// Replaces the time in one 64-bit store. Any thread.
-        void store(const ltTime& t);
-
-    private:
-        std::atomic<uint64_t> bits_;
-    };
-
-    /// True when any of the dirty flags in f is set.
-    bool hasFlags(uint32_t f) const { return (flags_.load(std::memory_order_relaxed) & f) != 0; }
-    /// Sets the dirty flags in f; any thread.
-    void setFlags(uint32_t f) { flags_.fetch_or(f, std::memory_order_relaxed); }
-    /// Clears the dirty flags in f; any thread.
-    void clearFlags(uint32_t f) { flags_.fetch_and(~f, std::memory_order_relaxed); }
-    /// Reads the monotonic clock into the cached now and clears kNowStale.
+    /// True when any of the dirty flags in f is set. Any thread.
+    bool hasFlags(uint32_t f) const { return (__atomic_load_n(&flags_, __ATOMIC_RELAXED) & f) != 0; }
+    /// Sets the dirty flags in f. Any thread.
+    void setFlags(uint32_t f) { (void)__atomic_fetch_or(&flags_, f, __ATOMIC_RELAXED); }
+    /// Clears the dirty flags in f. Any thread.
+    void clearFlags(uint32_t f) { (void)__atomic_fetch_and(&flags_, ~f, __ATOMIC_RELAXED); }
+    /// Reads the monotonic clock into the cached now (under the timer mutex) and clears
+    /// kNowStale. Any thread; returns the time read.
     ltTime refreshNow();
 
     pthread_mutex_t membersMutex_;  ///< guards members_
     ltIdTable members_;             ///< MemberEntry; 8 slots growing to 4096
-    pthread_mutex_t timerMutex_;    ///< guards timers_ and timerIndex_
+    pthread_mutex_t timerMutex_;    ///< guards timers_ and now_
     ltIdTable timers_;              ///< TimerEntry; 64 slots growing to 16384
     pthread_mutex_t ioMutex_;       ///< guards ioHandles_
     ltIdTable ioHandles_;           ///< IOEntry; 4 slots growing to 4096
-    std::atomic<uint32_t> flags_;   ///< kMembersChanged ... kWakeupStale; no common lock
-    CachedTime now_;                ///< monotonic; what processTimeouts() compares against
-    ltTime nextWakeup_;             ///< valid while kWakeupStale is clear; loop thread only
-
-    /// The earliest expiry over ranges of timer slots, kept beside the timer table under the
-    /// timer mutex, so that finding the next wake-up or the next expired timer does not walk
-    /// the table. Null, or covering fewer slots than the table, when its memory could not be
-    /// had: the table is walked then.
-    lt_internal::TimerIndex* timerIndex_;
-
-private:
-    bool timerIndexCurrent() const;
-    void syncTimerIndex();
-    void indexTimer(int slot, const TimerEntry* entry);
-    int nextDueTimer(int from, int capacity, const ltTime& now) const;
+    /// kMembersChanged ... kWakeupStale. No common lock: read and written only through the
+    /// atomic builtins above.
+    uint32_t flags_;
+    /// Monotonic; what processTimeouts() compares against. Written and read under timerMutex_
+    /// only, so that no reader sees half of a time another thread is writing. 'now' is not
+    /// updated again until the next pass, or until a relative timer is added.
+    ltTime now_;
+    ltTime nextWakeup_;  ///< valid while kWakeupStale is clear; loop thread only
 };
 
 static_assert(sizeof(void*) != 4 || sizeof(ltAbstractMainLoop::MemberEntry) == 3 * 4,
@@ -147,5 +133,7 @@ static_assert(sizeof(void*) != 4 || sizeof(ltAbstractMainLoop::TimerEntry) == 7 
               "a timer entry is 7 words on a 32-bit build");
 static_assert(sizeof(void*) != 4 || sizeof(ltAbstractMainLoop::IOEntry) == 5 * 4,
               "an I/O entry is 5 words on a 32-bit build");
+static_assert(sizeof(void*) != 4 || (sizeof(ltAbstractMainLoop) == 168 && alignof(ltAbstractMainLoop) == 4),
+              "on a 32-bit build: the vtable pointer, three mutexes and tables, flags, now, next wake-up");
 
 #endif // LTABSTRACTMAINLOOP_H

@@ -75,4 +75,7 @@ private:
     uint32_t keyOf(const void* record) const;
 };
 
+static_assert(sizeof(void*) != 4 || (sizeof(ltIdTable) == 24 && alignof(ltIdTable) == 4),
+              "six words on a 32-bit build");
+
 #endif // LTIDTABLE_H

@@ -23,7 +23,6 @@
 
 #include <sys/select.h>
 
-#include <atomic>
 #include <cstdint>
 
 #include "ltabstractmainloop.h"
@@ -36,6 +35,9 @@ public:
     static ltLinuxSelectMainLoop* getMainLoop();
     static ltLinuxSelectMainLoop* singleton_;  ///< the loop getMainLoop() made; null before
 
+    /// Sets the pending flag (wake-ups before exec() write nothing) and creates the pipe; the
+    /// result of pipe() is not checked. Applications use getMainLoop() instead.
+    ltLinuxSelectMainLoop();
     /// Destroys the base only; the pipe descriptors are not closed.
     ~ltLinuxSelectMainLoop() override;
 
@@ -45,9 +47,6 @@ public:
     void exec() override;
 
 protected:
-    /// Sets the pending flag (wake-ups before exec() write nothing) and creates the pipe.
-    ltLinuxSelectMainLoop();
-
     /// What exec() keeps in its frame from pass to pass.
     struct PassState {
         ///@{
@@ -74,9 +73,13 @@ private:
     void dispatchReadyDescriptors(int ready, const fd_set& r, const fd_set& w, const fd_set& x);
 
     // Non-zero while a wake-up byte is in the pipe; its low byte is the byte written (1).
-    std::atomic<uint16_t> wakeupPending_;
+    // Any thread, through the atomic builtins only.
+    uint16_t wakeupPending_;
     int pipeRead_;
     int pipeWrite_;
 };
+
+static_assert(sizeof(void*) != 4 || (sizeof(ltLinuxSelectMainLoop) == 180 && alignof(ltLinuxSelectMainLoop) == 4),
+              "on a 32-bit build: the base, the 16-bit pending flag and the two pipe ends");
 
 #endif // LTLINUXSELECTMAINLOOP_H

@@ -1,14 +1,15 @@
 //===- ltabstractmainloop.cpp - Tables, timers and dirty flags of a loop --===//
 #include "ltabstractmainloop.h"
 
-#include <cstring>
 #include <new>
 
 #include "ltclock.h"
 #include "ltmutexlock.h"
+#include "ltsidetable.h"
 #include "lttimerindex.h"
 
 using lt_internal::MutexLock;
+using lt_internal::TimerIndex;
 
 namespace {
 
@@ -17,105 +18,121 @@ constexpr int kMemberBits = 3, kMemberMaxBits = 12;  // 8 .. 4096
 constexpr int kTimerBits = 6, kTimerMaxBits = 14;    // 64 .. 16384
 constexpr int kIOBits = 2, kIOMaxBits = 12;          // 4 .. 4096
 
+using TimerEntry = ltAbstractMainLoop::TimerEntry;
+
 template <typename Entry>
 Entry* entryAt(const ltIdTable& table, int idOrIndex)
 {
     return static_cast<Entry*>(table.slotFor(idOrIndex));
 }
 
+// The walk's test for a slot in use: expiry second 0 is the free key. A periodic timer
+// re-armed into second 0 thus reads as free everywhere, and the index must agree.
+bool armed(const TimerEntry* e) { return e->expiry.sec != 0; }
+
+// Each loop's timer index, found by the loop's address: the loop's layout has no room for it.
+// Built in place and never destroyed, so that a loop destroyed during exit still finds it.
+lt_internal::SideTable<TimerIndex>& timerIndexes()
+{
+    alignas(lt_internal::SideTable<TimerIndex>) static unsigned char storage[sizeof(lt_internal::SideTable<TimerIndex>)];
+    static auto* const table = new (storage) lt_internal::SideTable<TimerIndex>;
+    return *table;
+}
+
+// The index of 'loop' when it covers exactly the timer table's slots; null when the loop has
+// none or the last growth found no memory for it: the table is walked then. Caller holds the
+// timer mutex.
+TimerIndex* currentIndex(const void* loop, const ltIdTable& timers)
+{
+    TimerIndex* index = timerIndexes().find(loop);
+    if (index == nullptr || timers.capacity == 0 || index->slots() != timers.capacity)
+        return nullptr;
+    return index;
+}
+
+// Rebuilds the index after the table was built or grew (or after an earlier attempt found no
+// memory). Caller holds the timer mutex, or is the constructor.
+void syncIndex(const void* loop, const ltIdTable& timers)
+{
+    TimerIndex* index = timerIndexes().find(loop);
+    if (index == nullptr || timers.capacity == 0 || index->slots() == timers.capacity)
+        return;
+    if (!index->reset(timers.capacity))
+        return;  // walked without it until a later addition finds the memory
+    index->rebuild([&timers](int slot) -> const ltTime* {
+        const TimerEntry* e = entryAt<TimerEntry>(timers, slot);
+        return armed(e) ? &e->expiry : nullptr;
+    });
+}
+
+// Records the state of slot's entry in the index. Caller holds the timer mutex.
+void indexSlot(TimerIndex* index, const ltIdTable& timers, int slot)
+{
+    if (index == nullptr)
+        return;
+    const TimerEntry* e = entryAt<TimerEntry>(timers, slot);
+    if (armed(e))
+        index->set(slot, e->expiry);
+    else
+        index->clear(slot);
+}
+
+// The first slot at or after 'from' holding a timer that has expired at 'now', or 'capacity'
+// when there is none below it. Caller holds the timer mutex.
+int nextDueTimer(TimerIndex* index, const ltIdTable& timers, int from, int capacity, const ltTime& now)
+{
+    if (index != nullptr) {
+        const int slot = index->firstDue(from, now);
+        return slot < capacity ? slot : capacity;
+    }
+    for (int slot = from; slot < capacity; ++slot) {
+        const TimerEntry* e = entryAt<TimerEntry>(timers, slot);
+        if (armed(e) && ltTimeNotAfter(e->expiry, now))
+            return slot;
+    }
+    return capacity;
+}
+
 }  // namespace
-
-ltTime ltAbstractMainLoop::CachedTime::load() const
-{
-    const uint64_t bits = bits_.load(std::memory_order_relaxed);
-    ltTime t;
-    std::memcpy(&t, &bits, sizeof t);
-    return t;
-}
-
-void ltAbstractMainLoop::CachedTime::store(const ltTime& t)
-{
-    uint64_t bits;
-    std::memcpy(&bits, &t, sizeof bits);
-    bits_.store(bits, std::memory_order_relaxed);
-}
 
 ltAbstractMainLoop::ltAbstractMainLoop()
     : members_(sizeof(MemberEntry), kMemberBits, kMemberMaxBits, /*freeIsZero=*/true),
       timers_(sizeof(TimerEntry), kTimerBits, kTimerMaxBits, /*freeIsZero=*/true),
       ioHandles_(sizeof(IOEntry), kIOBits, kIOMaxBits, /*freeIsZero=*/false),
       flags_(kInitialFlags),
-      now_(ltTime(0, 0)),
-      nextWakeup_(kLtTimeNever, 0),
-      timerIndex_(new (std::nothrow) lt_internal::TimerIndex)
+      now_(0, 0),
+      nextWakeup_(kLtTimeNever, 0)
 {
     // Default attributes: pthread_mutex_init cannot fail on Linux, so there is nothing to
     // undo. A table whose allocation failed hands out no ids.
     (void)pthread_mutex_init(&membersMutex_, nullptr);
     (void)pthread_mutex_init(&timerMutex_, nullptr);
     (void)pthread_mutex_init(&ioMutex_, nullptr);
-    syncTimerIndex();
+
+    // Without its index (no memory for it) the loop walks the timer table.
+    TimerIndex* index = new (std::nothrow) TimerIndex;
+    if (index != nullptr && !timerIndexes().bind(this, index))
+        delete index;
+    syncIndex(this, timers_);
 }
 
 ltAbstractMainLoop::~ltAbstractMainLoop()
 {
+    TimerIndex* index = timerIndexes().find(this);
+    timerIndexes().unbind(this);
+    delete index;
     (void)pthread_mutex_destroy(&ioMutex_);
     (void)pthread_mutex_destroy(&timerMutex_);
     (void)pthread_mutex_destroy(&membersMutex_);
-    delete timerIndex_;
-}
-
-// True when the index covers exactly the timer table's slots. Caller holds timerMutex_.
-bool ltAbstractMainLoop::timerIndexCurrent() const
-{
-    return timerIndex_ != nullptr && timers_.capacity != 0 && timerIndex_->slots() == timers_.capacity;
-}
-
-// Rebuilds the index after the table was built or grew (or after an earlier attempt found no
-// memory). Caller holds timerMutex_, or is the constructor.
-void ltAbstractMainLoop::syncTimerIndex()
-{
-    if (timerIndex_ == nullptr || timers_.capacity == 0 || timerIndex_->slots() == timers_.capacity)
-        return;
-    if (!timerIndex_->reset(timers_.capacity))
-        return;  // walked without it until a later addition finds the memory
-    timerIndex_->rebuild([this](int slot) -> const ltTime* {
-        const TimerEntry* e = entryAt<TimerEntry>(timers_, slot);
-        return e->expiry.sec != 0 ? &e->expiry : nullptr;
-    });
-}
-
-// Records slot's entry (null: the slot is free) in the index. Caller holds timerMutex_.
-void ltAbstractMainLoop::indexTimer(int slot, const TimerEntry* entry)
-{
-    if (!timerIndexCurrent())
-        return;
-    if (entry != nullptr)
-        timerIndex_->set(slot, entry->expiry);
-    else
-        timerIndex_->clear(slot);
-}
-
-// The first slot at or after 'from' holding a timer that has expired at 'now', or 'capacity'
-// when there is none below it. Caller holds timerMutex_.
-int ltAbstractMainLoop::nextDueTimer(int from, int capacity, const ltTime& now) const
-{
-    if (timerIndexCurrent()) {
-        const int slot = timerIndex_->firstDue(from, now);
-        return slot < capacity ? slot : capacity;
-    }
-    for (int slot = from; slot < capacity; ++slot) {
-        const TimerEntry* e = entryAt<TimerEntry>(timers_, slot);
-        if (e->expiry.sec != 0 && ltTimeNotAfter(e->expiry, now))
-            return slot;
-    }
-    return capacity;
 }
 
 ltTime ltAbstractMainLoop::refreshNow()
 {
     const ltTime now = lt_internal::monotonicNow();
-    now_.store(now);
+    {
+        MutexLock lock(timerMutex_);
+        now_ = now;
+    }
     clearFlags(kNowStale);
     return now;
 }
@@ -158,7 +175,7 @@ void ltAbstractMainLoop::removeTimer(int id)
         return;
     MutexLock lock(timerMutex_);
     if (timers_.removeMember(id) == 0) {
-        indexTimer(id & (timers_.capacity - 1), nullptr);
+        indexSlot(currentIndex(this, timers_), timers_, id & (timers_.capacity - 1));
         setFlags(kTimersChanged | kWakeupStale);
     }
 }
@@ -169,6 +186,7 @@ int ltAbstractMainLoop::doAddTimer(timerFlags_t flags, const ltTime& first, cons
     const bool absolute = (flags & timerAbsolute) != 0;
     const bool periodic = (flags & timerPeriodic) != 0;
     ltTime expiry;
+    ltTime now;  // a relative timer renews the cached now with this
     if (absolute) {
         if (first.isNoTime() || (periodic && period.isNoTime()))
             return 0;
@@ -179,19 +197,24 @@ int ltAbstractMainLoop::doAddTimer(timerFlags_t flags, const ltTime& first, cons
     } else {
         if (!periodic || period.isNoTime())
             return 0;  // there is no relative one-shot timer: such callers pass an absolute time
-        expiry = ltTimeAdd(refreshNow(), period);
+        now = lt_internal::monotonicNow();
+        expiry = ltTimeAdd(now, period);
     }
 
+    // A first expiry in second 0 reads as a free slot: the table refuses such an entry.
     TimerEntry entry = {expiry, periodic || !absolute ? period : ltTime::noTime, userData, callback, 0};
     int id;
     {
         MutexLock lock(timerMutex_);
+        if (!absolute) {
+            now_ = now;
+            clearFlags(kNowStale);
+        }
         id = timers_.putMember(&entry);
         if (id != 0) {
-            TimerEntry* e = entryAt<TimerEntry>(timers_, id);
-            e->id = id;
-            syncTimerIndex();  // the table may have grown
-            indexTimer(id & (timers_.capacity - 1), e);
+            entryAt<TimerEntry>(timers_, id)->id = id;
+            syncIndex(this, timers_);  // the table may have grown
+            indexSlot(currentIndex(this, timers_), timers_, id & (timers_.capacity - 1));
             setFlags(kTimersChanged | kWakeupStale);
         }
     }
@@ -222,14 +245,14 @@ ltTime ltAbstractMainLoop::getNextWakeupTime()
         return nextWakeup_;
     ltTime next(kLtTimeNever, 0);
     MutexLock lock(timerMutex_);
-    if (timerIndexCurrent()) {
+    if (TimerIndex* index = currentIndex(this, timers_)) {
         ltTime earliest;
-        if (timerIndex_->earliest(earliest) && ltTimeBefore(earliest, next))
+        if (index->earliest(earliest) && ltTimeBefore(earliest, next))
             next = earliest;
     } else {
         for (int i = 0; i < timers_.capacity; ++i) {
             const TimerEntry* e = entryAt<TimerEntry>(timers_, i);
-            if (e->expiry.sec != 0 && ltTimeBefore(e->expiry, next))
+            if (armed(e) && ltTimeBefore(e->expiry, next))
                 next = e->expiry;
         }
     }
@@ -240,36 +263,37 @@ ltTime ltAbstractMainLoop::getNextWakeupTime()
 
 void ltAbstractMainLoop::processTimeouts()
 {
-    // While the cached next wake-up is valid it is the earliest expiry in the table: nothing
-    // can have expired before it.
-    if (!hasFlags(kWakeupStale) && ltTimeBefore(now_.load(), nextWakeup_))
-        return;
-
     MutexLock lock(timerMutex_);
     if (timers_.count == 0 || timers_.capacity == 0)
         return;
+    // While the cached next wake-up is valid it is the earliest expiry in the table: nothing
+    // can have expired before it.
+    if (!hasFlags(kWakeupStale) && ltTimeBefore(now_, nextWakeup_))
+        return;
+
     const int capacity = timers_.capacity;  // slots added while firing wait for the next call
     // The cached now is read afresh for every slot: a callback adding a relative timer renews it.
     for (int i = 0;; ++i) {
-        const ltTime now = now_.load();
-        i = nextDueTimer(i, capacity, now);
+        const ltTime now = now_;
+        TimerIndex* index = currentIndex(this, timers_);  // a callback may have grown the table
+        i = nextDueTimer(index, timers_, i, capacity, now);
         if (i >= capacity)
             break;
         TimerEntry* e = entryAt<TimerEntry>(timers_, i);  // re-read: a callback may have moved the table
-        if (e->expiry.sec == 0 || !ltTimeNotAfter(e->expiry, now))
+        if (!armed(e) || !ltTimeNotAfter(e->expiry, now))
             continue;  // the index rounds one expiry down by a microsecond: it only proposes
         const TimerEntry fired = *e;
         if (fired.period.isNoTime()) {
             (void)timers_.removeMember(fired.id);  // the slot is in use: cannot fail
-            indexTimer(i, nullptr);
             setFlags(kTimersChanged | kWakeupStale);
         } else {
             // Re-armed from now, not from the old expiry: a late timer shifts its schedule
-            // instead of catching up. Kept: callers rely on it.
+            // instead of catching up. Kept: callers rely on it. A re-armed expiry in second 0
+            // reads as a free slot from then on, as everywhere else: the timer fires no more.
             e->expiry = ltTimeAdd(now, fired.period);
-            indexTimer(i, e);
             setFlags(kWakeupStale);
         }
+        indexSlot(index, timers_, i);
         lock.unlock();  // the callback may add or remove timers, its own included
         if (fired.callback != nullptr)
             (void)fired.callback(fired.id, fired.expiry, fired.userData);  // result ignored

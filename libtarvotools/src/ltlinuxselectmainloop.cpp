@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 
 #include "ltmutexlock.h"
 
@@ -47,7 +48,7 @@ void ltLinuxSelectMainLoop::wakeupEventLoop()
     // one after select() in runOnePass: either this call finds the flag cleared and writes,
     // or the loop's next exchange reads this one and so sees the change the caller made
     // before calling (a plain load and store could miss both ways).
-    if (wakeupPending_.exchange(kWakeupByte, std::memory_order_acq_rel) != 0)
+    if (__atomic_exchange_n(&wakeupPending_, kWakeupByte, __ATOMIC_ACQ_REL) != 0)
         return;
     const char byte = static_cast<char>(kWakeupByte & 0xFF);
     (void)!write(pipeWrite_, &byte, 1);  // not checked: a full pipe already wakes the loop
@@ -63,7 +64,7 @@ void ltLinuxSelectMainLoop::exec()
 
 void ltLinuxSelectMainLoop::beginExec(PassState& s)
 {
-    wakeupPending_.store(0, std::memory_order_relaxed);
+    __atomic_store_n(&wakeupPending_, 0, __ATOMIC_RELAXED);
     if (hasFlags(kNowStale))
         (void)refreshNow();
     FD_ZERO(&s.builtRead);
@@ -95,7 +96,7 @@ void ltLinuxSelectMainLoop::runOnePass(PassState& s)
     s.highestFd = std::max(s.highestFd, pipeRead_);
 
     int ready = select(s.highestFd + 1, &readSet, &writeSet, &exceptionSet, wait);
-    (void)wakeupPending_.exchange(0, std::memory_order_acq_rel);  // see wakeupEventLoop()
+    (void)__atomic_exchange_n(&wakeupPending_, 0, __ATOMIC_ACQ_REL);  // see wakeupEventLoop()
     if (hasFlags(kNowStale))
         (void)refreshNow();
     if (ready < 1)

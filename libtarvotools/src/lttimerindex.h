@@ -12,7 +12,9 @@
 // rounded down by one microsecond; callers re-check a slot against its entry before firing
 // it, so the index only has to find every due slot, never to decide alone.
 //
-// Not synchronised: the loop keeps it under its timer mutex.
+// Not synchronised: the loop keeps it under its timer mutex, in a side table beside the loop
+// (the loop's layout has no field for it). It holds only slots in use: an expiry in second 0 is
+// the table's free key and is never set here.
 //
 //===----------------------------------------------------------------------===//
 #ifndef LTTIMERINDEX_H
