@@ -118,32 +118,58 @@ TEST(IdTableKeys, KeyMaskFollowsTheEntrySize)
     EXPECT_EQ(0, t.putMember(&zeroKey));
 }
 
+// Started at 0, just below 2^31 and just below 2^32 (the cursor is never reset): ids stay
+// non-zero, name their own slot and are unique among the records held, across both wraps.
 TEST(IdTableModel, RandomPutsAndRemovesMatchAMap)
 {
-    ltIdTable t(sizeof(Rec), 2, 8, true);
-    std::map<int, uint32_t> model;  // id -> key
-    uint32_t seed = 12345, nextKey = 1;
-    for (int step = 0; step < 5000; ++step) {
-        seed = seed * 1103515245u + 12345u;
-        if ((seed >> 16) % 3 != 0 || model.empty()) {
-            const int id = put(t, nextKey);
-            if (model.size() + 1 >= 256u) {
-                EXPECT_EQ(0, id);
-                continue;
+    for (uint32_t start : {0u, 0x7FFFFF00u, 0xFFFFFF00u}) {
+        SCOPED_TRACE(start);
+        ltIdTable t(sizeof(Rec), 2, 8, true);
+        t.cursor = static_cast<int32_t>(start);
+        std::map<int, uint32_t> model;  // id -> key
+        uint32_t seed = 12345, nextKey = 1;
+        for (int step = 0; step < 5000; ++step) {
+            seed = seed * 1103515245u + 12345u;
+            if ((seed >> 16) % 3 != 0 || model.empty()) {
+                const int id = put(t, nextKey);
+                if (model.size() + 1 >= 256u) {
+                    EXPECT_EQ(0, id);
+                    continue;
+                }
+                ASSERT_NE(0, id);
+                for (const auto& m : model)
+                    ASSERT_NE((m.first ^ id) & (t.capacity - 1), 0) << "slot handed out twice";
+                model[id] = nextKey++;
+            } else {
+                auto it = model.begin();
+                std::advance(it, (seed >> 8) % model.size());
+                ASSERT_EQ(0, t.removeMember(it->first));
+                model.erase(it);
             }
-            ASSERT_NE(0, id);
+            ASSERT_EQ(model.size(), t.count);
             for (const auto& m : model)
-                ASSERT_NE((m.first ^ id) & (t.capacity - 1), 0) << "slot handed out twice";
-            model[id] = nextKey++;
-        } else {
-            auto it = model.begin();
-            std::advance(it, (seed >> 8) % model.size());
-            ASSERT_EQ(0, t.removeMember(it->first));
-            model.erase(it);
+                ASSERT_EQ(m.second, at(t, m.first).key);
         }
-        ASSERT_EQ(model.size(), t.count);
-        for (const auto& m : model)
-            ASSERT_EQ(m.second, at(t, m.first).key);
+        if (start != 0) {
+            EXPECT_LT(static_cast<uint32_t>(t.cursor) - start, 0x80000000u) << "the cursor did not pass the wrap";
+            EXPECT_GT(static_cast<uint32_t>(t.cursor) - start, 256u);
+        }
+    }
+}
+
+TEST(IdTableIds, LimitsOutsideTheIdKeepIdsOnTheirSlot)
+{
+    // A limit of 40 bits leaves no room for a generation; a table built above its limit of 1
+    // keeps the generation above its 8 slots. Either way every id names the slot it filled.
+    for (int maxBits : {40, 1}) {
+        SCOPED_TRACE(maxBits);
+        ltIdTable t(sizeof(Rec), 3, maxBits, true);
+        for (uint32_t k = 1; k <= 40; ++k) {
+            const int id = put(t, k);
+            ASSERT_NE(0, id);
+            EXPECT_EQ(k, at(t, id).key);
+            ASSERT_EQ(0, t.removeMember(id));
+        }
     }
 }
 

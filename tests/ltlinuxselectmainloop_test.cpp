@@ -6,8 +6,10 @@
 #include <gtest/gtest.h>
 
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <future>
 #include <thread>
@@ -122,6 +124,55 @@ TEST(SelectPass, TypeThreeHandleIsNeverDispatchedButCountsForNfds)
     EXPECT_TRUE(calls.ids.empty());
     EXPECT_EQ(200, s.highestFd);
     close(high);
+}
+
+// The handle generation is a byte: after 256 rebuilds it comes round to earlier values. A
+// watched descriptor is stamped afresh on every rebuild, so it is dispatched on each pass.
+TEST(SelectPass, HandleGenerationWrapsWithoutLosingADescriptor)
+{
+    TestLoop loop;
+    TestLoop::PassState s;
+    loop.beginExec(s);
+    Pipe p;
+    p.put();  // stays readable: never read
+    Calls calls;
+    ASSERT_NE(0, loop.doAddIOHandle(handleRead, handleNoFlags, p.r, onReady, &calls));
+    for (int pass = 0; pass < 600; ++pass) {
+        loop.removeIOHandle(loop.doAddIOHandle(handleWrite, handleNoFlags, p.w, nullptr, nullptr));  // a change
+        loop.runOnePass(s);
+        ASSERT_EQ(static_cast<size_t>(pass) + 1, calls.ids.size());
+    }
+}
+
+// select() cannot take a descriptor at or past FD_SETSIZE: its handle is stored but never put
+// into a set (which would write past it), dispatched or counted for nfds.
+TEST(SelectPass, DescriptorPastFdSetSizeIsStoredButNeverWatched)
+{
+    rlimit limit;
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
+    if (limit.rlim_cur <= FD_SETSIZE + 1) {
+        rlimit raised = limit;
+        raised.rlim_cur = std::min<rlim_t>(limit.rlim_max, FD_SETSIZE + 16);
+        if (raised.rlim_cur <= FD_SETSIZE + 1 || setrlimit(RLIMIT_NOFILE, &raised) != 0)
+            GTEST_SKIP() << "cannot open a descriptor past FD_SETSIZE here";
+    }
+    Pipe p;
+    p.put();
+    const int high = dup2(p.r, FD_SETSIZE + 1);
+    ASSERT_EQ(FD_SETSIZE + 1, high);
+
+    TestLoop loop;
+    TestLoop::PassState s;
+    loop.beginExec(s);
+    Calls calls;
+    const int id = loop.doAddIOHandle(handleRead, handleNoFlags, high, onReady, &calls);
+    EXPECT_NE(0, id);
+    const int low = loop.doAddIOHandle(handleRead, handleNoFlags, p.r, onReady, &calls);  // the same pipe, watchable
+    loop.runOnePass(s);
+    EXPECT_EQ(std::vector<int>{low}, calls.ids);
+    EXPECT_LT(s.highestFd, FD_SETSIZE);
+    close(high);
+    (void)setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 TEST(SelectPass, HandleAddedDuringAPassWaitsForTheRebuild)

@@ -414,15 +414,47 @@ TEST(TimerFiring, LoopAnswersAsAWalkOverItsTable)
     }
 }
 
-TEST(TimerTable, FullTableRefusesButStillWakesTheLoop)
+int countFired(int, const ltTime&, void* user)
+{
+    ++*static_cast<int*>(user);
+    return 0;
+}
+
+// A table at its 16384-slot limit, then a million remove/add cycles with the probe cursor
+// passing 2^31 and 2^32 (ids carry its wraps above the slot): every id names its own slot,
+// removal by id keeps working, and at the end each live timer fires exactly once.
+TEST(TimerTable, FullTableKeepsWorkingThroughMillionsOfCyclesAndCursorWraps)
 {
     CoreLoop loop;
-    Recorder r;
+    int fired = 0;
+    constexpr int kSlots = 16384;
+    std::vector<int> idOfSlot(kSlots, 0);
     int added = 0;
-    while (loop.doAddTimer(timerPeriodic, ltTime::noTime, ltTime(100, 0), record, &r) != 0)
-        ++added;
-    EXPECT_EQ(16383, added);  // 16384 slots at most, slot 0 never used
-    EXPECT_EQ(added + 1, loop.wakeups.load());
+    for (int id; (id = loop.doAddTimer(timerPeriodic, ltTime::noTime, ltTime(100, 0), countFired, &fired)) != 0; ++added)
+        idOfSlot[static_cast<size_t>(slotOf(id))] = id;
+    ASSERT_EQ(kSlots - 1, added);  // 16384 slots at most, slot 0 never used
+    EXPECT_EQ(added + 1, loop.wakeups.load());  // the refused add woke the loop too
+
+    for (uint32_t start : {0x7FFF0000u, 0xFFFF0000u}) {
+        loop.timers_.cursor = static_cast<int32_t>(start);
+        for (int cycle = 0; cycle < (1 << 19); ++cycle) {
+            // Free the slot the probe reaches next, so that each add finds it at once.
+            int slot = static_cast<int>((static_cast<uint32_t>(loop.timers_.cursor) + 1) & (kSlots - 1));
+            if (slot == 0)
+                slot = 1;
+            loop.removeTimer(idOfSlot[static_cast<size_t>(slot)]);
+            const int id = loop.doAddTimer(timerPeriodic, ltTime::noTime, ltTime(100, 0), countFired, &fired);
+            ASSERT_NE(0, id);
+            ASSERT_EQ(slot, slotOf(id));
+            ASSERT_EQ(id, static_cast<const ltAbstractMainLoop::TimerEntry*>(loop.timers_.slotFor(id))->id);
+            idOfSlot[static_cast<size_t>(slot)] = id;
+        }
+        ASSERT_EQ(kSlots - 1, loop.timers_.count);
+        EXPECT_GT(static_cast<uint32_t>(loop.timers_.cursor) - start, 0x10000u) << "the cursor did not pass 2^31 or 2^32";
+    }
+    loop.setNow(ltTimeAdd(lt_internal::monotonicNow(), ltTime(1000, 0)));
+    loop.processTimeouts();
+    EXPECT_EQ(kSlots - 1, fired);
 }
 
 struct CountingMember : ltMainLoopMember {

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+
 namespace {
 
 struct DiffCase {
@@ -58,6 +60,34 @@ TEST(TimeAddition, CarriesTowardZero)
     EXPECT_EQ(ltTime(-2, -300000), ltTimeAdd(ltTime(-1, -800000), ltTime(0, -500000)));
     EXPECT_EQ(ltTime(1, 500000), ltTimeFromMs(1500));
     EXPECT_EQ(ltTime(0, 999000), ltTimeFromMs(999));
+}
+
+// At the ends of the 32-bit range both operations wrap the seconds as a 32-bit adder does (no
+// undefined behaviour: run under UBSan), and still carry whole seconds out of the microseconds.
+TEST(TimeArithmetic, EndsOfTheRangeWrapAndStillCarry)
+{
+    const int32_t ends[] = {INT32_MIN, INT32_MIN + 1, -1000000, -1, 0, 1, 999999, INT32_MAX - 1, INT32_MAX};
+    auto wrap = [](int64_t v) { return static_cast<int32_t>(static_cast<uint32_t>(static_cast<uint64_t>(v))); };
+    for (int32_t as : ends)
+        for (int32_t au : ends)
+            for (int32_t bs : ends)
+                for (int32_t bu : ends) {
+                    const ltTime a(as, au), b(bs, bu);
+                    ltTime d = a;
+                    d -= b;
+                    const int32_t du = wrap(int64_t{au} - bu);  // microseconds before the carry
+                    ASSERT_LT(d.usec < 0 ? -int64_t{d.usec} : d.usec, 1000000);
+                    ASSERT_EQ(0, (int64_t{du} - d.usec) % 1000000);
+                    ASSERT_EQ(wrap(int64_t{as} - bs + (int64_t{du} - d.usec) / 1000000), d.sec);
+
+                    const ltTime sum = ltTimeAdd(a, b);
+                    const int32_t su = wrap(int64_t{au} + bu);
+                    ASSERT_LT(sum.usec < 0 ? -int64_t{sum.usec} : sum.usec, 1000000);
+                    ASSERT_EQ(0, (int64_t{su} - sum.usec) % 1000000);
+                    ASSERT_EQ(wrap(int64_t{as} + bs + (int64_t{su} - sum.usec) / 1000000), sum.sec);
+                }
+    EXPECT_EQ(ltTime(-2147483, -648000), ltTimeFromMs(INT32_MIN));
+    EXPECT_EQ(ltTime(2147483, 647000), ltTimeFromMs(INT32_MAX));
 }
 
 TEST(TimeOrder, ComparesSecondsThenMicroseconds)

@@ -8,7 +8,9 @@
 ///
 /// Ids: the slot index in the low bits, and above maxBits the number of times the probe cursor
 /// has wrapped the table, so a reused slot gets a new id. Slot 0 is never used: 0 is never an
-/// id. The table grows by doubling up to 1 << maxBits slots (maxBits at most 15).
+/// id. The table grows by doubling up to 1 << maxBits slots (maxBits at most 15). The
+/// generation's top bits fall off the 32-bit id (ids may be negative), and the cursor wraps
+/// at 2^32: ids are unique among the records in the table, not for ever.
 ///
 /// Records are looked up by the users with the same index arithmetic:
 /// `slots + (id & (capacity - 1)) * entrySize`.
@@ -67,11 +69,12 @@ public:
     uint16_t capacity;     ///< 1 << currentBits
     uint32_t keyMask;      ///< key bits of the first 32-bit word of a record
     int32_t entrySize;     ///< bytes per record
-    int32_t cursor;        ///< running probe counter, never reset
+    int32_t cursor;        ///< running probe counter, never reset; counts as unsigned, wraps at 2^32
     uint8_t* slots;        ///< capacity * entrySize bytes from malloc/realloc
 
 private:
     uint32_t freePattern() const { return freeIsZero ? 0u : keyMask; }
+    uint32_t generationBits(uint32_t cursorValue) const;
     uint32_t keyOf(const void* record) const;
 };
 

@@ -83,17 +83,32 @@ int ltIdTable::putMember(void* record)
         currentBits += 1;
     }
 
-    // Round-robin from the last slot handed out: recently freed slots are reused last.
+    // Round-robin from the last slot handed out: recently freed slots are reused last. The
+    // cursor counts on 32 bits unsigned and wraps at 2^32: it is never reset, and a busy table
+    // passes 2^31 probes in weeks.
+    uint32_t c = static_cast<uint32_t>(cursor);
     uint32_t index;
     do {
-        cursor += 1;
-        index = static_cast<uint32_t>(cursor) & (capacity - 1u);
+        c += 1;
+        index = c & (capacity - 1u);
     } while (index == 0 || !isFree(slots + index * static_cast<uint32_t>(entrySize)));
+    cursor = static_cast<int32_t>(c);
 
     std::memcpy(slots + index * static_cast<uint32_t>(entrySize), record, static_cast<size_t>(entrySize));
     count += 1;
-    const uint32_t c = static_cast<uint32_t>(cursor);
-    return static_cast<int>((c & ((1u << currentBits) - 1u)) | ((c >> currentBits) << maxBits));
+    return static_cast<int>(index | generationBits(c));
+}
+
+uint32_t ltIdTable::generationBits(uint32_t c) const
+{
+    // The number of wraps of the table, above maxBits. Its top bits fall off at 2^32: ids stay
+    // distinct among the records in the table, whose slot indexes differ. A table built larger
+    // than its limit puts the generation above its slot index instead of into it, and a limit
+    // of 32 bits or more leaves no room for one: either would make an id name another slot.
+    const unsigned shift = maxBits < currentBits ? currentBits : maxBits;
+    if (shift >= 32)
+        return 0;
+    return (c >> currentBits) << shift;
 }
 
 int ltIdTable::removeMember(int id)

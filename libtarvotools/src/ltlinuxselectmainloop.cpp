@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 
+#include "ltdebug.h"
 #include "ltmutexlock.h"
 
 using lt_internal::MutexLock;
@@ -149,8 +150,15 @@ void ltLinuxSelectMainLoop::rebuildDescriptorSetsIfDirty(PassState& s)
         s.highestFd = -1;
         for (int i = 0; i < ioHandles_.capacity; ++i) {
             auto* e = static_cast<IOEntry*>(ioHandles_.slotFor(i));
-            if (e->fd < 0 || e->fd >= FD_SETSIZE)
-                continue;                    // free (-1), invalid, or past what select() takes
+            if (e->fd < 0)
+                continue;                    // free (-1) or invalid
+            if (e->fd >= FD_SETSIZE) {
+                // Past what an fd_set holds: setting it would write outside the set. Stored,
+                // never watched; said on every rebuild so that the owner finds out.
+                LT_DEBUG(kLtDebugLevelDefault, "exec", "Descriptor %d of handle %d is not below FD_SETSIZE (%d): not watched.\n",
+                         e->fd, e->id, FD_SETSIZE);
+                continue;
+            }
             s.highestFd = std::max(s.highestFd, e->fd);
             const unsigned type = e->type & 3u;
             if (type == 3)
