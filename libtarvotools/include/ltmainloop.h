@@ -6,8 +6,9 @@
 /// timers, descriptors and members; only the loop thread (the one in exec()) runs callbacks,
 /// and it never holds a loop mutex while doing so.
 ///
-/// Ids of timers, descriptors and members are positive; 0 means failure. Ids are meaningful
-/// only within their own kind.
+/// Ids of timers, descriptors and members are non-zero (negative once the generation in their
+/// top bits has grown that far); 0 means failure. Ids are meaningful only within their own
+/// kind, and unique among the entries a table holds.
 ///
 /// The order of the virtual operations is part of the interface: every main loop keeps it.
 ///
