@@ -41,7 +41,7 @@
 class LT_EXPORT ltPointerList {
 public:
     /// An empty list in the single form.
-    ltPointerList() : storage(0) {}
+    ltPointerList();
 
     /// A list whose storage is made up front by createStorage(n, true): n < 2 gives the empty
     /// single form, 2 or 3 an empty triple, 4 or more an empty array of capacity n. When the
@@ -106,6 +106,7 @@ public:
     static void freeStorage(uintptr_t word);
 
 private:
+    friend struct ltAbiLayout;  // the ABI test reads the field offsets; nothing else
     uintptr_t storage;  // the tagged word described above
 };
 

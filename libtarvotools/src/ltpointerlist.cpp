@@ -137,6 +137,8 @@ int addToArray(uintptr_t& word, void* p)
 
 }  // namespace
 
+ltPointerList::ltPointerList() : storage(0) {}
+
 ltPointerList::ltPointerList(int n) : storage(createStorage(n, /*tagged=*/true)) {}
 
 ltPointerList::~ltPointerList()
