@@ -389,6 +389,10 @@ struct ImgHash {
 struct PointerList {
     uintptr_t storage;  // one word
 };
+struct PointerArrayBlock {  // what a pointer list's word with tag 2 points to
+    uint16_t capacity, count;
+    void* slots[1];  // capacity slots from here
+};
 struct SortedList : Polymorphic {
     unsigned char* array;
     int32_t capacity, count, elementSize, spare, growBy;
@@ -403,6 +407,7 @@ static_assert(!kArmhf || (sizeof(LinuxSelectMainLoop) == 180 && alignof(LinuxSel
               "select loop: 180 bytes");
 static_assert(!kArmhf || (sizeof(EventQueue) == 104 && alignof(EventQueue) == 8), "event queue: 104 bytes");
 static_assert(!kArmhf || (sizeof(MaskTerm) == 8 && sizeof(Guard) == 12), "mask term 8, guard 12 bytes");
+static_assert(!kArmhf || offsetof(PointerArrayBlock, slots) == 4, "pointer array: 4 bytes of header");
 static_assert(sizeof(OsalTime) == 16 && alignof(OsalTime) == 8 && sizeof(Md5State) == 88, "fixed on both builds");
 
 }  // namespace mirror
@@ -480,6 +485,7 @@ struct ltAbiLayout {
     }
 
     static size_t loopFieldOffset() { return offsetOfMember(&mirror::EventQueue::loop_); }
+    static uintptr_t storageOf(const ltPointerList& list) { return list.storage; }
 };
 
 namespace ta::tarvotools::uri {
@@ -563,6 +569,37 @@ TEST(Layout, LoopTablesHoldTheirEntriesWithTheirLimits)
     }
     EXPECT_EQ((std::vector<uint32_t>{0xFF, 0xFF, 0xFFFF, 0xFFFFFF, 0xFFFFFFFF}),
               std::vector<uint32_t>(std::begin(ltIdTable::entryMaskes_), std::end(ltIdTable::entryMaskes_)));
+}
+
+TEST(Layout, PointerListBlocksAsApplicationsReadThem)
+{
+    int64_t objects[3];
+    // Tag 3: a block of three pointer slots.
+    ltPointerList triple(3);
+    ASSERT_EQ(0, triple.addPointer(&objects[0]));
+    uintptr_t word = ltAbiLayout::storageOf(triple);
+    ASSERT_EQ(3u, word & 3);
+    EXPECT_EQ(&objects[0], reinterpret_cast<void* const*>(word & ~uintptr_t{3})[0]);
+    // Tag 2: a 16-bit capacity, a 16-bit count, then the slots.
+    ltPointerList array(5);
+    ASSERT_EQ(0, array.addPointer(&objects[1]));
+    ASSERT_EQ(0, array.addPointer(&objects[2]));
+    word = ltAbiLayout::storageOf(array);
+    ASSERT_EQ(2u, word & 3);
+    const auto* block = reinterpret_cast<const unsigned char*>(word & ~uintptr_t{3});
+    mirror::PointerArrayBlock head;
+    void* slots[2];
+    std::memcpy(&head, block, offsetof(mirror::PointerArrayBlock, slots));
+    std::memcpy(slots, block + offsetof(mirror::PointerArrayBlock, slots), sizeof slots);
+    EXPECT_EQ(std::make_tuple(5, 2), std::make_tuple(int{head.capacity}, int{head.count}));
+    EXPECT_EQ(&objects[1], slots[0]);
+    EXPECT_EQ(&objects[2], slots[1]);
+}
+
+TEST(Layout, LoopEnumerationValues)
+{
+    EXPECT_EQ(std::make_tuple(1, 2), std::make_tuple(int{timerAbsolute}, int{timerPeriodic}));
+    EXPECT_EQ(std::make_tuple(0, 1, 2), std::make_tuple(int{handleRead}, int{handleWrite}, int{handleException}));
 }
 
 TEST(Layout, BlockHeaderIsMagicThenSizeInFrontOfTheCallersBytes)
