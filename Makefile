@@ -9,6 +9,8 @@
 #   make install-check  install into a temporary prefix and build programs against it
 #   make test-arm    cross-build for armhf and run the whole suite under qemu-arm
 #   make check-exports  the exported names of both builds against the library's interface
+#   make abi-check   the binary interface of both builds against the baselines in abi/
+#   make abi-baseline  rewrite those baselines from both builds (a deliberate interface change)
 #   make docs        the API reference (Doxygen) in $(BUILD)/docs/html; warnings fail it
 #   make package     the Debian packages libtarvotools-mt and libtarvotools-mt-dev in $(BUILD)
 #   make package-check  install both packages, build a program against them, remove them
@@ -98,6 +100,24 @@ test-arm: deps deps-arm
 
 check-exports: build
 	sh .ci/check-exports $(BUILD) $(ARM_BUILD)
+
+# The binary interface (libabigail's abidw and abidiff) of both builds, $(BUILD) for x86-64 and
+# $(ARM_BUILD) for armhf (made by test-arm), against abi/x86_64.abi and abi/armhf.abi: any
+# difference fails. abi-baseline rewrites the two files; run it only for an interface change
+# that is meant, and name that change in the commit message.
+ABI_DEB_PACKAGES = abigail-tools
+ABI_TARGETS = $(BUILD):x86_64 $(ARM_BUILD):armhf
+
+.PHONY: deps-abi abi-check abi-baseline
+
+deps-abi:
+	$(call install-missing,$(ABI_DEB_PACKAGES))
+
+abi-check: build deps-abi
+	sh .ci/abi-check check $(ABI_TARGETS)
+
+abi-baseline: build deps-abi
+	sh .ci/abi-check baseline $(ABI_TARGETS)
 
 # libFuzzer targets (fuzz/): clang with AddressSanitizer and UndefinedBehaviorSanitizer. Each
 # target runs for FUZZ_SECONDS from its seed corpus in fuzz/corpus/<target>; any finding fails.

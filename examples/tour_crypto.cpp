@@ -97,15 +97,15 @@ void digestsAndBase64()
                     hexOf(sha1.Hash(), ltimghash::kDigestSize).c_str());
 
     char* encoded = nullptr;
-    const int length = ltBase64::encode(bytes, static_cast<unsigned int>(text.size()), &encoded);
+    const int length = ltBase64().encode(bytes, static_cast<unsigned int>(text.size()), &encoded);
     if (length > 0) {
         // OpenSSL's form: lines of 64 characters, each ending in a newline.
         std::printf("  base64 (%d characters, newline included):\n    %s", length, encoded);
         std::vector<unsigned char> decoded;
-        ltBase64::decode(std::string(encoded), decoded);
+        ltBase64().decode(std::string(encoded), decoded);
         std::printf("  The strict decoder reads it back as \"%s\",\n",
                     std::string(decoded.begin(), decoded.end()).c_str());
-        ltBase64::decode("YW Jj", decoded);
+        ltBase64().decode("YW Jj", decoded);
         std::printf("  and stops at the first blank: \"YW Jj\" gives \"%s\".\n",
                     std::string(decoded.begin(), decoded.end()).c_str());
     }

@@ -35,7 +35,7 @@ bool inAlphabet(unsigned char c)
 Bytes openSslDecode(const std::string& text, int* result)
 {
     unsigned char* out = nullptr;
-    *result = ltBase64::decode(text.data(), static_cast<unsigned int>(text.size()), &out);
+    *result = ltBase64().decode(text.data(), static_cast<unsigned int>(text.size()), &out);
     FUZZ_CHECK(out != nullptr);
     Bytes bytes;
     if (*result > 0) {
@@ -49,7 +49,7 @@ Bytes openSslDecode(const std::string& text, int* result)
 void decodeText(const std::string& text)
 {
     Bytes own;
-    ltBase64::decode(text, own);
+    ltBase64().decode(text, own);
     size_t k = 0;
     while (k < text.size() && inAlphabet(static_cast<unsigned char>(text[k])))
         ++k;
@@ -74,7 +74,7 @@ void decodeText(const std::string& text)
 void encodeBytes(const Bytes& data)
 {
     char* text = nullptr;
-    const int length = ltBase64::encode(data.data(), static_cast<unsigned int>(data.size()), &text);
+    const int length = ltBase64().encode(data.data(), static_cast<unsigned int>(data.size()), &text);
     FUZZ_CHECK(length > 0 && text != nullptr);
     const std::string encoded(text, static_cast<size_t>(length));
     FUZZ_CHECK(std::strlen(text) == encoded.size());
@@ -92,7 +92,7 @@ void encodeBytes(const Bytes& data)
     int result = 0;
     FUZZ_CHECK(openSslDecode(encoded, &result) == data);
     Bytes own;
-    ltBase64::decode(encoded, own);
+    ltBase64().decode(encoded, own);
     FUZZ_CHECK(own == Bytes(data.begin(), data.begin() + std::min(data.size(), kLineBytes)));
 }
 
@@ -104,8 +104,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (size == 0) {
         char* text = nullptr;
         unsigned char* out = nullptr;
-        FUZZ_CHECK(ltBase64::encode(data, 0, &text) == -22 && text == nullptr);
-        FUZZ_CHECK(ltBase64::decode("", 0, &out) == -22 && out == nullptr);
+        FUZZ_CHECK(ltBase64().encode(data, 0, &text) == -22 && text == nullptr);
+        FUZZ_CHECK(ltBase64().decode("", 0, &out) == -22 && out == nullptr);
         return 0;
     }
     encodeBytes(Bytes(data, data + size));

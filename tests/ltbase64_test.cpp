@@ -43,14 +43,14 @@ TEST_F(Base64Interop, PointerRoutesMatchOpensslsLineBrokenText)
         const Bytes data = randomBytes(size, static_cast<uint32_t>(size));
         const std::string expected = opensslEncode(data, /*oneLine=*/false);
         char* text = nullptr;
-        const int length = ltBase64::encode(data.data(), static_cast<unsigned int>(size), &text);
+        const int length = ltBase64().encode(data.data(), static_cast<unsigned int>(size), &text);
         std::unique_ptr<char[]> ownedText(text);
         ASSERT_EQ(static_cast<int>(expected.size()), length);
         EXPECT_EQ(expected, std::string(text, static_cast<size_t>(length)));
         EXPECT_EQ('\0', text[length]);
 
         unsigned char* out = nullptr;
-        const int got = ltBase64::decode(expected.data(), static_cast<unsigned int>(expected.size()), &out);
+        const int got = ltBase64().decode(expected.data(), static_cast<unsigned int>(expected.size()), &out);
         std::unique_ptr<unsigned char[]> ownedOut(out);
         ASSERT_EQ(static_cast<int>(size), got);
         EXPECT_TRUE(Bytes(out, out + got) == data);
@@ -72,12 +72,12 @@ TEST_F(Base64Interop, VectorDecodeReadsEveryPrefixOfOpensslsSingleLine)
 
         std::vector<unsigned char> out;
         for (size_t k = 0; k <= text.size(); ++k) {
-            ltBase64::decode(text.substr(0, k), out);
+            ltBase64().decode(text.substr(0, k), out);
             const size_t expected = k / 4 * 3 + (k % 4 > 1 ? k % 4 - 1 : 0);
             ASSERT_EQ(expected, out.size()) << "prefix " << k;
             ASSERT_TRUE(std::equal(out.begin(), out.end(), data.begin())) << "prefix " << k;
         }
-        ltBase64::decode(text, out);
+        ltBase64().decode(text, out);
         EXPECT_TRUE(out == data);
     }
 }
@@ -86,7 +86,7 @@ TEST(Base64VectorDecode, StopsAtPaddingWhitespaceAndStrangers)
 {
     auto decoded = [](const std::string& text) {
         std::vector<unsigned char> out = {'o', 'l', 'd'};  // replaced, never appended to
-        ltBase64::decode(text, out);
+        ltBase64().decode(text, out);
         return std::string(out.begin(), out.end());
     };
     EXPECT_EQ("abc", decoded("YWJj"));
@@ -108,7 +108,7 @@ TEST(Base64VectorDecode, StopsAtPaddingWhitespaceAndStrangers)
 TEST(Base64PointerDecode, UnreadableTextHandsOverAZeroedBuffer)
 {
     unsigned char* out = nullptr;
-    EXPECT_LE(ltBase64::decode("!!!!", 4, &out), 0);
+    EXPECT_LE(ltBase64().decode("!!!!", 4, &out), 0);
     std::unique_ptr<unsigned char[]> owned(out);
     ASSERT_NE(nullptr, out);
     EXPECT_TRUE(Bytes(out, out + 4) == Bytes(4, 0));

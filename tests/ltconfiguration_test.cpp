@@ -128,6 +128,17 @@ TEST(ConfigWithoutFile, EmptyPathReportsNoErrorAndGivesDefaults)
     EXPECT_EQ("", config.getString("x/y", "-"));
     config.putInteger("x.y", -5);
     EXPECT_EQ("-5", config.getString("x.y", "-"));
+
+    // A key ending in '/' names the node before it; but where that node is new, the put creates
+    // it and stores the value in a child with an empty name below it. The empty key is the root.
+    config.putString("p/q/", "2");
+    EXPECT_EQ("", config.getString("p/q/", "-"));
+    EXPECT_EQ("2", config.getString("p/q//", "-"));
+    config.putString("p/q/", "3");  // q exists now: the same key writes q itself
+    EXPECT_EQ("3", config.getString("p/q", "-"));
+    EXPECT_EQ("2", config.getString("p/q//", "-"));
+    config.putInteger("", 4);
+    EXPECT_EQ(4, config.getInteger("", 0));
 }
 
 TEST_F(ConfigFiles, PutsChangeOnlyTheTreeInMemory)

@@ -147,9 +147,39 @@ TEST(PointerListGrowth, RefusesNullAndMisalignedButMatchesNullToAHole)
     ASSERT_EQ(0, list.addPointer(obj(0)));
     ASSERT_EQ(0, list.addPointer(obj(1)));
     EXPECT_EQ(-1, list.addPointer(odd));
-    EXPECT_TRUE(list.hasPointer(nullptr));       // triple with a free slot: kept behaviour
-    EXPECT_EQ(-1, list.removePointer(nullptr));  // ... but a hole is not an entry
+    EXPECT_TRUE(list.hasPointer(nullptr));  // triple with a free slot: kept behaviour
     expectSameContents(list, {obj(0), obj(1)});
+}
+
+TEST(PointerListRemoval, NullIsLookedForLikeAnyPointerOnEveryForm)
+{
+    // Where a slot equals null (a free one) it is "removed": 0, and an array counts one less.
+    ltPointerList single;
+    EXPECT_EQ(0, single.removePointer(nullptr));  // the empty word equals null
+    ASSERT_EQ(0, single.addPointer(obj(0)));
+    EXPECT_EQ(-1, single.removePointer(nullptr));
+    expectSameContents(single, {obj(0)});
+
+    ltPointerList triple(3);
+    EXPECT_EQ(0, triple.removePointer(nullptr));  // an empty triple has three free slots
+    for (int i = 0; i < 3; ++i)
+        ASSERT_EQ(0, triple.addPointer(obj(i)));
+    EXPECT_EQ(-1, triple.removePointer(nullptr));  // full: no slot equals null
+    ASSERT_EQ(0, triple.removePointer(obj(1)));
+    EXPECT_EQ(0, triple.removePointer(nullptr));
+    expectSameContents(triple, {obj(0), obj(2)});
+
+    ltPointerList array(4);
+    EXPECT_EQ(-1, array.removePointer(nullptr));  // count 0
+    for (int i = 0; i < 3; ++i)
+        ASSERT_EQ(0, array.addPointer(obj(i)));
+    EXPECT_EQ(0, array.removePointer(nullptr));
+    EXPECT_EQ(2, array.getNEntries());  // one less, though all three pointers stay
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(obj(i), array.getPointer(i));
+    ASSERT_EQ(0, array.addPointer(obj(3)));  // fills the free slot: count 3 of 4 slots taken
+    EXPECT_EQ(-1, array.removePointer(nullptr));  // no free slot
+    EXPECT_EQ(3, array.getNEntries());
 }
 
 TEST(PointerListTidy, CompactsTheTripleAndAFullFrontLosslessly)

@@ -23,7 +23,10 @@ namespace {
 const std::string kDevelop = kKeyDir + "/develop.key";
 const std::string kProduction = kKeyDir + "/production.key";
 const std::string kAutoexec = kKeyDir + "/autoexec.key";
-const int kBlock = ltrsa::LTSIGNATURE_SIZE;  // the exported block size: 256
+// The block size is a constant expression, and also an exported object read through its address.
+constexpr int kBlock = ltrsa::LTSIGNATURE_SIZE;
+static_assert(kBlock == 256, "a 2048-bit modulus");
+const int* const kExportedBlockSize = &ltrsa::LTSIGNATURE_SIZE;
 
 // Generates a key into <dir>/key<bits>.pem; returns its modulus in hexadecimal, or "".
 std::string generateKey(const TempDir& dir, int bits)
@@ -55,6 +58,7 @@ protected:
 // file is usable, so a wrong pick shows as a failed operation.
 TEST_F(RsaKeyFiles, ModeSelectsTheKeyFile)
 {
+    EXPECT_EQ(kBlock, *kExportedBlockSize);
     const std::string usable = "E : 10001\nN : " + modulusHex + "\n";
     const std::string unusable = "X : 1\n";
     const struct {

@@ -100,7 +100,7 @@ TEST(ScopeTimerReport, TimersReportOnceEachAndNoExceptionLeavesTheDestructor)
 }
 
 template <class T>
-std::string printed(const T& meterOrTimer)
+std::string printed(T&& meterOrTimer)
 {
     testing::internal::CaptureStderr();
     meterOrTimer.print();

@@ -11,7 +11,7 @@
 ///     "=" or at the first character outside the alphabet, whitespace and line breaks
 ///     included, and returns what it decoded up to there.
 ///
-/// No state: the operations are static and any thread may call them.
+/// No state: the object is empty, and any thread may call any object's operations.
 ///
 //===----------------------------------------------------------------------===//
 #ifndef LTBASE64_H
@@ -29,7 +29,7 @@ public:
     /// excluded; -EINVAL (-22) when data is null, length is 0 or the input or the text
     /// exceeds INT_MAX, and -ENOMEM when OpenSSL or the allocation fails (out untouched in
     /// these cases).
-    static int encode(const unsigned char* data, unsigned int length, char** out);
+    int encode(const unsigned char* data, unsigned int length, char** out);
 
     /// Decodes OpenSSL's line-broken base64 text into a new buffer of length bytes, zeroed
     /// and stored in *out before decoding (array new; the caller releases it with delete[],
@@ -37,13 +37,13 @@ public:
     /// could be decoded (-ENOMEM when OpenSSL cannot set up), or, with out untouched,
     /// -EINVAL (-22) when text is null, length is 0 or length exceeds INT_MAX and -ENOMEM
     /// when the buffer cannot be allocated.
-    static int decode(const char* text, unsigned int length, unsigned char** out);
+    int decode(const char* text, unsigned int length, unsigned char** out);
 
     /// Replaces out with the bytes of single-line base64 text. Never fails: decoding stops at
     /// the first "=" or non-alphabet character (whitespace too: kept, callers pass single
     /// lines). A tail of 2 or 3 characters gives 1 or 2 bytes; a single leftover character
     /// gives nothing.
-    static void decode(const std::string& text, std::vector<unsigned char>& out);
+    void decode(const std::string& text, std::vector<unsigned char>& out);
 };
 
 #endif // LTBASE64_H

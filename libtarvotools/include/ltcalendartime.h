@@ -77,7 +77,7 @@ public:
     int setFromLtTime(const ltTime& t, ltTimeZoneSpec zone);
 
     /// The time field.
-    operator const ltTime&() const { return time; }
+    operator const ltTime&() const;
 
     // Plain fields: read them freely; the operations above keep them in step.
     struct tm calendar;  ///< the broken-down record: month 0-11, years since 1900

@@ -57,10 +57,14 @@ public:
     int getInteger(const std::string& key, int defaultValue) const;
 
     /// Sets the value of the node at `key`, creating it and any missing parents (each new node
-    /// after its existing siblings). In memory only.
+    /// after its existing siblings): the tree's put() with '/' as the separator. In memory only.
+    /// Kept as the tree does it: a key ending in '/' names the node before the '/', as in a
+    /// lookup, when that node exists; when it does not, the put creates it and stores the value
+    /// in a new child with an empty name below it ("a/" on a tree without "a" writes what
+    /// getString("a//") reads). The empty key names the root.
     void putString(const std::string& key, const std::string& value);
 
-    /// As putString, with the value written as decimal text ("-5").
+    /// As putString (the same paths), with the value written as decimal text ("-5").
     void putInteger(const std::string& key, int value);
 
     /// Logs every node below `tree` depth first through the debug output, one line per node:

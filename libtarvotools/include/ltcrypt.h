@@ -40,7 +40,7 @@ public:
 
     /// Holds nothing; construction cannot fail.
     ltcrypt();
-    virtual ~ltcrypt();
+    ~ltcrypt();
 
     /// Derives key and IV from password and the 8 bytes at salt, then resets ctx and sets it
     /// up for AES-256-CBC decryption (decrypt true) or encryption. Returns 0, or -1 when the

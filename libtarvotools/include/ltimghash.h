@@ -27,7 +27,7 @@ public:
     /// the object failed; every later call then returns false.
     ltimghash();
     /// Frees the digest context.
-    virtual ~ltimghash();
+    ~ltimghash();
 
     ltimghash(const ltimghash&) = delete;             // owns its digest context
     ltimghash& operator=(const ltimghash&) = delete;
@@ -42,7 +42,7 @@ public:
     bool finalize();
 
     /// The 20-byte digest: zero until finalize. Valid as long as the object.
-    const unsigned char* Hash() const { return digest; }
+    unsigned char* Hash();
 
     /// True once finalize was called, whether or not it succeeded.
     bool isFinalized() const { return finalized; }

@@ -55,11 +55,11 @@ public:
 
     /// Digests the bytes of text (a text, not a file name).
     explicit LTmd5(std::string text);
-    virtual ~LTmd5();
+    ~LTmd5();
 
     /// Copies the 16 digest bytes to out. Returns 0, or -EINVAL (-22) when size is not
     /// exactly 16 or out is null, in which case out is not touched.
-    int getHash(unsigned char* out, unsigned int size) const;
+    int getHash(unsigned char* out, unsigned int size);
 
     /// The digest as 32 lowercase hexadecimal digits, two per byte in byte order. Computed
     /// on the first call and cached; later calls return a copy of the cache.

@@ -41,7 +41,7 @@
 class LT_EXPORT ltPointerList {
 public:
     /// An empty list in the single form.
-    ltPointerList() : storage(0) {}
+    ltPointerList();
 
     /// A list whose storage is made up front by createStorage(n, true): n < 2 gives the empty
     /// single form, 2 or 3 an empty triple, 4 or more an empty array of capacity n. When the
@@ -78,7 +78,12 @@ public:
     /// the free slots).
     bool hasPointer(void* p) const;
 
-    /// Removes one occurrence of p. Returns 0, or -1 when p is null or not in the list.
+    /// Removes one occurrence of p: nulls the first slot that equals p (an array also counts
+    /// one pointer less), or clears a single-form word equal to p. Returns 0, or -1 when no
+    /// slot equals p (and always in the tag-1 form). Kept quirk: a null p is looked for like
+    /// any other pointer: on a triple or an array with a free slot it "removes" that slot and
+    /// returns 0 (the array's count drops by one although no pointer left), on an empty list
+    /// it returns 0, and on a full triple or array or an occupied single form it returns -1.
     int removePointer(void* p);
 
     /// Removes the pointer in slot i. Returns 0, or -1 when the slot is free or out of range.
@@ -106,6 +111,7 @@ public:
     static void freeStorage(uintptr_t word);
 
 private:
+    friend struct ltAbiLayout;  // the ABI test reads the field offsets; nothing else
     uintptr_t storage;  // the tagged word described above
 };
 

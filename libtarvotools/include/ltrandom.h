@@ -26,6 +26,7 @@ public:
     unsigned int get(unsigned int n);
 
 private:
+    friend struct ltAbiLayout;  // the ABI test reads the field offsets; nothing else
     unsigned int seed;  // the rand_r state
 };
 

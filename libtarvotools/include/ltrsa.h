@@ -44,8 +44,10 @@ typedef struct rsa_st RSA;
 
 class LT_EXPORT ltrsa {
 public:
-    /// Size in bytes of every block handled here (a 2048-bit modulus): 256.
-    static const int LTSIGNATURE_SIZE;
+    /// Size in bytes of every block handled here (a 2048-bit modulus): 256. A constant
+    /// expression (array bounds, case labels), and also an exported object for programs that
+    /// read it through its address.
+    static const int LTSIGNATURE_SIZE = 256;
 
     /// Loads the key of mode. Never fails outwardly. A missing file logs
     /// "Failed to open RSA key file %s" and prints

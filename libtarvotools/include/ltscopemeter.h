@@ -35,10 +35,10 @@ public:
 
     /// Copies the total into *total and the time elapsed since the last reset into
     /// *sinceReset; either pointer may be null.
-    void getTimers(timespec* total, timespec* sinceReset) const;
+    void getTimers(timespec* total, timespec* sinceReset);
 
     /// Writes the total through the platform debug output: "ltScopeTimer(): %d.%09dsec.\n".
-    void print() const;
+    void print();
 
     // Plain fields: read them freely; resetTimers() and scopeDurationMeasured() change them.
     int clockId;         ///< clock_gettime clock (CLOCK_MONOTONIC unless chosen)

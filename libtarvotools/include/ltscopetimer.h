@@ -41,7 +41,7 @@ public:
 
     /// Writes the time since start through the platform debug output, with the meter's
     /// message: "ltScopeTimer(): %d.%09dsec.\n".
-    void print() const;
+    void print();
 
     // Plain fields.
     ltScopeMeter* meter;  ///< receives the duration; may be null

@@ -45,6 +45,7 @@ public:
     int unlock(int oflag) const;
 
 private:
+    friend struct ltAbiLayout;  // the ABI test reads the field offsets; nothing else
     std::string name;  // as given to the constructor; neither validated nor altered
 };
 

@@ -68,6 +68,7 @@ public:
     bool isInQueue(boost::shared_ptr<ltTimer> timer) const;
 
 private:
+    friend struct ltAbiLayout;  // the ABI test reads the field offsets; nothing else
     using TimerList = std::list<boost::shared_ptr<ltTimer>>;
 
     // Moves the element holding 'timer' out of the queue into 'node', or allocates a new

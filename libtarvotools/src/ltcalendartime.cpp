@@ -57,6 +57,11 @@ ltTimeZoneSpec& ltTimeZoneSpec::operator=(const ltTimeZoneSpec& other)
     return *this;
 }
 
+ltCalendarTime::operator const ltTime&() const
+{
+    return time;
+}
+
 ltCalendarTime::ltCalendarTime()
 {
     clear();

@@ -1,10 +1,13 @@
 //===- ltconfiguration.cpp - INFO file store with '/'-separated key paths -===//
 //
-// Reading and lookups are Boost.PropertyTree's own; this file fixes the path separator, walks
-// the path of a put itself (see nodeFor), turns a parser error into the stored init error and
-// formats print().
+// Reading, lookups and puts are Boost.PropertyTree's own; this file fixes the path separator,
+// turns a parser error into the stored init error and formats print().
 //
 //===----------------------------------------------------------------------===//
+// The tree's put() asserts when it creates the node of a key that ends in '/' and assertions
+// are on; without them it puts the value into a new child with an empty name. Applications
+// see the latter in every build of the library.
+#define BOOST_DISABLE_ASSERTS
 #include "ltconfiguration.h"
 
 #include <locale>
@@ -24,23 +27,6 @@ constexpr char kKeySeparator = '/';
 Tree::path_type keyPath(const std::string& key)
 {
     return Tree::path_type(key, kKeySeparator);
-}
-
-// The node that a lookup of key finds, created with its missing parents (each after its
-// existing siblings) when it is absent: what the tree's put() does, walked here because
-// put() cannot take a key that ends in the separator ("a/"): Boost asserts on it, or puts
-// the value one level below the node that lookups find.
-Tree& nodeFor(Tree& root, const std::string& key)
-{
-    Tree::path_type path = keyPath(key);
-    Tree* node = &root;
-    while (!path.empty()) {
-        const std::string name = path.reduce();
-        const Tree::assoc_iterator found = node->find(name);
-        node = found != node->not_found() ? &found->second
-                                          : &node->push_back(Tree::value_type(name, Tree()))->second;
-    }
-    return *node;
 }
 
 }  // namespace
@@ -95,13 +81,12 @@ int ltConfiguration::getInteger(const std::string& key, int defaultValue) const
 
 void ltConfiguration::putString(const std::string& key, const std::string& value)
 {
-    nodeFor(tree_, key).put_value(value);
+    tree_.put(keyPath(key), value);
 }
 
 void ltConfiguration::putInteger(const std::string& key, int value)
 {
-    // The tree's stream translator on the global locale, as put() uses.
-    nodeFor(tree_, key).put_value(value);
+    tree_.put(keyPath(key), value);  // the stream translator on the global locale
 }
 
 void ltConfiguration::print(const boost::property_tree::ptree& tree, int depth) const

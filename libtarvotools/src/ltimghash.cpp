@@ -21,6 +21,11 @@ ltimghash::~ltimghash()
         EVP_MD_CTX_free(mdCtx);
 }
 
+unsigned char* ltimghash::Hash()
+{
+    return digest;
+}
+
 bool ltimghash::update(const unsigned char* data, unsigned int length)
 {
     // Null data with a length would be read by OpenSSL: a failed step like any other.

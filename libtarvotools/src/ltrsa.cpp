@@ -8,7 +8,8 @@
 
 #include "ltdebug.h"
 
-const int ltrsa::LTSIGNATURE_SIZE = 256;
+// The exported object of the constant; its value is in the class.
+const int ltrsa::LTSIGNATURE_SIZE;
 
 namespace {
 

@@ -35,7 +35,7 @@ void ltScopeMeter::resetTimers()
     resetTime = lt_internal::readScopeClock(clockId);
 }
 
-void ltScopeMeter::getTimers(timespec* totalOut, timespec* sinceResetOut) const
+void ltScopeMeter::getTimers(timespec* totalOut, timespec* sinceResetOut)
 {
     if (totalOut != nullptr)
         *totalOut = total;
@@ -43,7 +43,7 @@ void ltScopeMeter::getTimers(timespec* totalOut, timespec* sinceResetOut) const
         *sinceResetOut = lt_internal::scopeElapsed(resetTime, lt_internal::readScopeClock(clockId));
 }
 
-void ltScopeMeter::print() const
+void ltScopeMeter::print()
 {
     lt_internal::printScopeDuration(total);
 }

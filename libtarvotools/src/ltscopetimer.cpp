@@ -16,7 +16,7 @@ ltScopeTimer::~ltScopeTimer()
     }
 }
 
-void ltScopeTimer::print() const
+void ltScopeTimer::print()
 {
     lt_internal::printScopeDuration(lt_internal::scopeElapsed(start, lt_internal::readScopeClock(clockId)));
 }
