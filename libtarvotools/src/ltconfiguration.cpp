@@ -1,13 +1,14 @@
 //===- ltconfiguration.cpp - INFO file store with '/'-separated key paths -===//
 //
 // Reading and lookups are Boost.PropertyTree's own; this file fixes the path separator, walks
-// the path of a put itself (see nodeFor), turns a parser error into the stored init error and
+// the path of a put itself (see putAt), turns a parser error into the stored init error and
 // formats print().
 //
 //===----------------------------------------------------------------------===//
 #include "ltconfiguration.h"
 
 #include <locale>
+#include <vector>
 
 #include <boost/optional.hpp>
 #include <boost/property_tree/info_parser.hpp>
@@ -26,21 +27,38 @@ Tree::path_type keyPath(const std::string& key)
     return Tree::path_type(key, kKeySeparator);
 }
 
-// The node that a lookup of key finds, created with its missing parents (each after its
-// existing siblings) when it is absent: what the tree's put() does, walked here because
-// put() cannot take a key that ends in the separator ("a/"): Boost asserts on it, or puts
-// the value one level below the node that lookups find.
-Tree& nodeFor(Tree& root, const std::string& key)
+// Stores value at the node that a lookup of key finds, creating the missing nodes of the path
+// (each after its existing siblings): what the tree's put() does, walked here because put()
+// cannot take a key that ends in the separator ("a/"): Boost asserts on it, or puts the value
+// one level below the node that lookups find.
+//
+// The missing part of the path is built apart, value included, and attached in one step: a
+// put that runs out of memory throws and leaves the tree as it was, without empty parents.
+template <class Value> void putAt(Tree& root, const std::string& key, const Value& value)
 {
     Tree::path_type path = keyPath(key);
     Tree* node = &root;
     while (!path.empty()) {
-        const std::string name = path.reduce();
+        std::string name = path.reduce();
         const Tree::assoc_iterator found = node->find(name);
-        node = found != node->not_found() ? &found->second
-                                          : &node->push_back(Tree::value_type(name, Tree()))->second;
+        if (found != node->not_found()) {
+            node = &found->second;
+            continue;
+        }
+        std::vector<std::string> names{std::move(name)};
+        while (!path.empty())
+            names.push_back(path.reduce());
+        Tree chain;
+        chain.put_value(value);
+        for (size_t i = names.size() - 1; i > 0; --i) {
+            Tree parent;
+            parent.push_back(Tree::value_type(names[i], Tree()))->second.swap(chain);
+            chain.swap(parent);
+        }
+        node->push_back(Tree::value_type(names[0], Tree()))->second.swap(chain);
+        return;
     }
-    return *node;
+    node->put_value(value);
 }
 
 }  // namespace
@@ -95,13 +113,13 @@ int ltConfiguration::getInteger(const std::string& key, int defaultValue) const
 
 void ltConfiguration::putString(const std::string& key, const std::string& value)
 {
-    nodeFor(tree_, key).put_value(value);
+    putAt(tree_, key, value);
 }
 
 void ltConfiguration::putInteger(const std::string& key, int value)
 {
     // The tree's stream translator on the global locale, as put() uses.
-    nodeFor(tree_, key).put_value(value);
+    putAt(tree_, key, value);
 }
 
 void ltConfiguration::print(const boost::property_tree::ptree& tree, int depth) const
