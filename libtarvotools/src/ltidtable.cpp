@@ -74,10 +74,10 @@ bool ltIdTable::isFree(const void* p) const
 
 int ltIdTable::putMember(void* record)
 {
-    if (record == nullptr || keyOf(record) == freePattern())
-        return 0;  // a free-looking record could not be told from an empty slot
     if (entrySize < 1 || !bitsFit(initialBits))
         return 0;  // a record of no bytes reads as in use everywhere: no slot would do
+    if (record == nullptr || keyOf(record) == freePattern())
+        return 0;  // a free-looking record could not be told from an empty slot
     if (slots == nullptr) {
         // The constructor found no memory: the table starts now, at its initial size.
         slots = firstSlots(static_cast<uint16_t>(1u << initialBits), entrySize, freePattern());
