@@ -857,6 +857,27 @@ TEST(AllocSweep, Base64)
     });
 }
 
+TEST(AllocSweep, Base64VectorDecoder)
+{
+    const std::string text = "YmluYXJ5IGRhdGEgd2l0aCBzb21lIGxlbmd0aCB0byBpdA==";
+    const std::string expected = "binary data with some length to it";
+    sweep("ltBase64 vector decoder", [&](Attempt& run) {
+        std::vector<unsigned char> out{1, 2, 3};
+        bool threw = false;
+        run.run([&] {
+            try {
+                ltBase64::decode(text, out);
+            } catch (...) {
+                threw = true;
+            }
+        });
+        EXPECT_FALSE(threw);  // nothing leaves the library: no room gives an empty result
+        if (!out.empty() || !run.failed()) {
+            EXPECT_EQ(expected, std::string(out.begin(), out.end()));
+        }
+    });
+}
+
 TEST(AllocSweep, Md5AndImageHash)
 {
     const std::string text(300, 'x');
@@ -948,6 +969,43 @@ TEST(AllocSweep, FileEncryption)
         if (!run.failed()) {
             EXPECT_EQ(0, rDec);
         }
+        ERR_clear_error();
+    });
+}
+
+// The file-layer overloads: encryption hands OpenSSL no context (kept), decryption makes one.
+TEST(AllocSweep, FileLayerEncryption)
+{
+    constexpr int kVolume = 0;  // the stand-in file layer's one volume
+    TempDir dir;
+    const std::string plain = dir.file("plain"), sealed = dir.file("sealed"), back = dir.file("back");
+    const std::string content(5000, 'q');
+    writeAll(plain, content);
+    {
+        ltcrypt warm;
+        ASSERT_EQ(0, warm.encryptFile("pw", plain, sealed));
+        (void)warm.decryptFile("pw", kVolume, sealed, kVolume, back);
+        (void)warm.encryptFile("pw", kVolume, plain, kVolume, back);
+        ERR_clear_error();
+    }
+    sweep("ltcrypt file-layer encryptFile and decryptFile", [&](Attempt& run) {
+        (void)unlink(back.c_str());
+        ltcrypt c;
+        int rEnc = 1, rDec = 1;
+        const std::string password = "pw", unused = dir.file("unused");
+        run.run([&] {
+            rEnc = c.encryptFile(password, kVolume, plain, kVolume, unused);
+            rDec = c.decryptFile(password, kVolume, sealed, kVolume, back);
+        });
+        EXPECT_TRUE(rEnc == 0 || rEnc == -1 || rEnc == -2) << rEnc;
+        EXPECT_TRUE(rDec == 0 || rDec == -1 || rDec == -2) << rDec;
+        if (!run.failed()) {
+            EXPECT_EQ(0, rDec);
+            EXPECT_EQ(content, readAll(back));
+        }
+        (void)unlink(back.c_str());
+        EXPECT_EQ(0, c.decryptFile("pw", kVolume, sealed, kVolume, back));
+        EXPECT_EQ(content, readAll(back));
         ERR_clear_error();
     });
 }
