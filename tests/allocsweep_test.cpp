@@ -206,10 +206,23 @@ TEST(AllocSweep, PointerList)
         ltPointerList list;
         std::vector<int> results;
         results.reserve(40);
+        std::fflush(stdout);
+        testing::internal::CaptureStdout();
         run.run([&] {
             for (int& o : objects)
                 results.push_back(list.addPointer(&o));
+            std::fflush(stdout);
         });
+        const std::string said = testing::internal::GetCapturedStdout();
+        // Only a failed doubling of the array form says so; the other forms fail silently.
+        int refused = 0;
+        for (int r : results)
+            refused += r == kNoMemory;
+        std::string expected;
+        for (size_t at = 0; (at = said.find("Not enough storage.\n", at)) != std::string::npos; at += 20)
+            expected += "Not enough storage.\n";
+        EXPECT_EQ(expected, said);
+        EXPECT_LE(static_cast<int>(expected.size() / 20), refused);
         int stored = 0;
         for (size_t i = 0; i < results.size(); ++i) {
             EXPECT_TRUE(results[i] == 0 || results[i] == kNoMemory) << results[i];
