@@ -114,7 +114,11 @@ void ltBase64::decode(const std::string& text, std::vector<unsigned char>& out)
     const size_t length = text.size();
     const size_t tailRoom = length % 4 > 1 ? length % 4 - 1 : 0;
     out.clear();
-    out.resize(length / 4 * 3 + tailRoom);  // the most the text can give; cut to size below
+    try {
+        out.resize(length / 4 * 3 + tailRoom);  // the most the text can give; cut to size below
+    } catch (const std::bad_alloc&) {
+        return;  // no room for the bytes: out stays empty, as for text that decodes to nothing
+    }
 
     const auto* p = reinterpret_cast<const unsigned char*>(text.data());
     const unsigned char* const end = p + length;

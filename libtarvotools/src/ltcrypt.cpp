@@ -166,13 +166,15 @@ int ltcrypt::aes_init(const std::string& password, unsigned char* salt, EVP_CIPH
     }
 
     (void)EVP_CIPHER_CTX_reset(ctx);
-    // The init result is not checked: kept; a bad context shows in the first update.
-    if (decrypt)
-        (void)EVP_DecryptInit_ex(ctx, EVP_aes_256_cbc(), nullptr, key, iv);
-    else
-        (void)EVP_EncryptInit_ex(ctx, EVP_aes_256_cbc(), nullptr, key, iv);
+    // The init result is not checked: kept; a bad context shows in the first update. The one
+    // exception: a real context that OpenSSL could not set up (it ran out of memory) would
+    // crash that update, so it fails the key set-up instead.
+    const int initialised = decrypt ? EVP_DecryptInit_ex(ctx, EVP_aes_256_cbc(), nullptr, key, iv)
+                                    : EVP_EncryptInit_ex(ctx, EVP_aes_256_cbc(), nullptr, key, iv);
     OPENSSL_cleanse(key, sizeof key);
     OPENSSL_cleanse(iv, sizeof iv);
+    if (initialised != 1 && ctx != nullptr)
+        return kFailed;
     return kOk;
 }
 

@@ -13,6 +13,17 @@ constexpr int kMostBits = 15;
 
 bool bitsFit(int bits) { return bits >= 0 && bits <= kMostBits; }
 
+// A first array of 'capacity' slots, every byte the free pattern's low byte; null when
+// there is no memory.
+uint8_t* firstSlots(uint16_t capacity, int32_t entrySize, uint32_t freePattern)
+{
+    const size_t bytes = static_cast<size_t>(capacity) * static_cast<size_t>(entrySize);
+    auto* slots = static_cast<uint8_t*>(std::malloc(bytes));
+    if (slots != nullptr)
+        std::memset(slots, static_cast<int>(freePattern & 0xFF), bytes);
+    return slots;
+}
+
 // Removal results.
 constexpr int kRemoveEmpty = -1;
 constexpr int kRemoveIndexZero = -2;
@@ -36,10 +47,11 @@ ltIdTable::ltIdTable(int entrySize_, int initialBits_, int maxBits_, bool freeIs
 {
     if (capacity == 0 || entrySize < 1)
         return;  // sizes the table cannot have: no slots, every put fails
-    const size_t bytes = static_cast<size_t>(capacity) * static_cast<size_t>(entrySize);
-    slots = static_cast<uint8_t*>(std::malloc(bytes));
-    if (slots != nullptr)
-        std::memset(slots, static_cast<int>(freePattern() & 0xFF), bytes);
+    slots = firstSlots(capacity, entrySize, freePattern());
+    // Without memory the table has no slots at all, so that users walking capacity slots
+    // find none; the first put tries again.
+    if (slots == nullptr)
+        capacity = 0;
 }
 
 ltIdTable::~ltIdTable()
@@ -62,10 +74,17 @@ bool ltIdTable::isFree(const void* p) const
 
 int ltIdTable::putMember(void* record)
 {
-    if (record == nullptr || slots == nullptr || keyOf(record) == freePattern())
-        return 0;  // a free-looking record could not be told from an empty slot
-    if (entrySize < 1)
+    if (entrySize < 1 || !bitsFit(initialBits))
         return 0;  // a record of no bytes reads as in use everywhere: no slot would do
+    if (record == nullptr || keyOf(record) == freePattern())
+        return 0;  // a free-looking record could not be told from an empty slot
+    if (slots == nullptr) {
+        // The constructor found no memory: the table starts now, at its initial size.
+        slots = firstSlots(static_cast<uint16_t>(1u << initialBits), entrySize, freePattern());
+        if (slots == nullptr)
+            return 0;
+        capacity = static_cast<uint16_t>(1u << initialBits);
+    }
 
     if (count == capacity - 1) {
         // Full at the largest size. A limit past what the capacity field holds stops at

@@ -11,8 +11,13 @@ ltimghash::ltimghash()
         return;
     }
     (void)EVP_MD_CTX_reset(mdCtx);  // a fresh context: nothing to reset
-    if (EVP_DigestInit_ex(mdCtx, EVP_sha1(), nullptr) != 1)
+    if (EVP_DigestInit_ex(mdCtx, EVP_sha1(), nullptr) != 1) {
+        // A context the init left half made (out of memory) must not reach OpenSSL's update:
+        // it goes now, and every later step fails as for a context never made.
         failed = true;
+        EVP_MD_CTX_free(mdCtx);
+        mdCtx = nullptr;
+    }
 }
 
 ltimghash::~ltimghash()

@@ -73,11 +73,13 @@ ltrsa::ltrsa(int mode) : key(nullptr), keyInvalid(false)
             RSA_set0_key(key, n, e, nullptr) == 1) {
             BIGNUM* target = name == 'N' ? n : e;  // now owned by the key
             (void)BN_hex2bn(&target, value);       // a bad value leaves the number zero
+            seen |= name == 'N' ? kSeenN : kSeenE;
         } else {
+            // Out of memory: the key did not get this line's numbers, so the line counts as
+            // missing (a key without numbers would crash the first operation).
             BN_free(n);
             BN_free(e);
         }
-        seen |= name == 'N' ? kSeenN : kSeenE;
     }
     (void)std::fclose(file);  // read-only: nothing to lose
 
