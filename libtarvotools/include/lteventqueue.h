@@ -34,11 +34,14 @@
 /// queue and let its timers pass before destroying it.
 ///
 /// Handlers may post, add and remove handlers and call processNextEvent() during their
-/// invocation. What the queue deletes meanwhile is not touched again when the invocation
-/// returns: a handler deleted by removeEventHandlers() from inside its own invocation is
-/// neither removed nor deleted a second time, and an event whose TTL timer fires while it is
-/// being dispatched (only when a handler runs the loop's timers itself) is offered to no
-/// further handler and deleted, with its timer removed, when its dispatch ends.
+/// invocation. After it, a non-persistent handler is taken out of the list by identity,
+/// wherever the list has moved it (or not at all when it has left it), never by the index
+/// it was invoked at, which may hold another handler by then. What the queue deletes meanwhile
+/// is not touched again when the invocation returns: a handler deleted by removeEventHandlers()
+/// from inside its own invocation is neither removed nor deleted a second time, and an event
+/// whose TTL timer fires while it is being dispatched (only when a handler runs the loop's
+/// timers itself) is offered to no further handler and deleted, with its timer removed, when
+/// its dispatch ends.
 ///
 /// Things a caller must know (kept: existing applications rely on them):
 ///   - An event that a handler keeps (result 0), or that no handler matches, is put back
@@ -141,8 +144,10 @@ public:
     // Timer callbacks given to the main loop.
     /// An event's TTL has passed: it is removed from its queue, its TTL timer is removed from
     /// the loop (removeTimer() with the event's timer id) and it is deleted; its handlers are
-    /// not told. An event being dispatched at that moment is deleted when its dispatch ends
-    /// instead. Returns 0. Loop thread.
+    /// not told. On the library's own loops, which have taken the fired timer out already,
+    /// the timer that fired is not removed again: its id may name a newer timer by then. An
+    /// event being dispatched at that moment is deleted when its dispatch ends instead.
+    /// Returns 0. Loop thread.
     static int cbEventTimeOut(int id, const ltTime& expiry, void* event);
     /// A handler's lethal time has passed: it is invoked with reason 1, then, unless
     /// persistent, removed from the handler list if it is still there and deleted, or its id

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "ltabstractmainloop.h"
 #include "ltclock.h"
 #include "lteventmask.h"
 #include "lteventring.h"
@@ -606,7 +607,7 @@ int ltEventQueue::removeEventHandlers(unsigned long long id, int group, ltEventH
     return removed;
 }
 
-int ltEventQueue::cbEventTimeOut(int /*id*/, const ltTime& /*expiry*/, void* p)
+int ltEventQueue::cbEventTimeOut(int id, const ltTime& /*expiry*/, void* p)
 {
     auto* event = static_cast<ltEvent*>(p);
     ltEventQueue* queue = event->owner;  // written by post before it armed this timer
@@ -628,7 +629,12 @@ int ltEventQueue::cbEventTimeOut(int /*id*/, const ltTime& /*expiry*/, void* p)
             }
         }
     }
-    queue->loop_.removeTimer(event->ttlTimerId);
+    // The library's own loops take a one-shot timer out of their table before calling it
+    // back, and an id names a slot, not a timer: removing the fired id once more could remove
+    // a newer timer that took over the slot (another event's TTL, which would then never end
+    // it). Any other loop is asked to remove the timer.
+    if (event->ttlTimerId != id || dynamic_cast<ltAbstractMainLoop*>(&queue->loop_) == nullptr)
+        queue->loop_.removeTimer(event->ttlTimerId);
     if (!queued && x != nullptr) {
         for (Ext::Frame* f = x->frames; f != nullptr; f = f->outer) {
             if (f->event != event)
