@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include "lteventmask.h"
+#include "ltclock.h"
 #include "ltlinuxselectmainloop.h"
 
 namespace {
@@ -335,6 +337,228 @@ TEST(TtlRace, EveryEventPostedWithATtlFromSeveralThreadsIsDeletedExactlyOnce)
     std::lock_guard<std::mutex> lock(rec.m);
     for (const auto& d : rec.eventsDeleted)
         EXPECT_EQ(1, d.second) << d.first;
+}
+
+// An application's own loop: records what the queue asks of it and fires timers on demand.
+struct AppLoop : ltMainLoop {
+    struct Timer {
+        ltTimerCallback callback;
+        void* userData;
+    };
+    std::map<int, Timer> timers;
+    std::vector<int> removed;  // removeTimer() arguments, in order
+    int nextId = 100;
+
+    int registerMainLoopMember(const ltMainLoopMember&) override { return 1; }
+    int unregisterMainLoopMember(int, const ltMainLoopMember&) override { return 0; }
+    void wakeupEventLoop() override {}
+    void removeIOHandle(int) override {}
+    int addObjectTimer(timerFlags_t, const ltTime&, const ltTime&, void*) override { return 0; }
+    void removeTimer(int id) override
+    {
+        removed.push_back(id);
+        timers.erase(id);
+    }
+    void exec() override {}
+    ltTime getNextWakeupTime() override { return ltTime(0, 0); }
+    void processTimeouts() override {}
+    int doAddTimer(timerFlags_t, const ltTime&, const ltTime&, ltTimerCallback cb, void* userData) override
+    {
+        timers[++nextId] = {cb, userData};
+        return nextId;
+    }
+    int doAddIOHandle(handleType_t, handleFlags_t, int, ltIOHandleCallback, void*) override { return 0; }
+
+    int timerOf(const void* userData) const
+    {
+        for (const auto& t : timers) {
+            if (t.second.userData == userData)
+                return t.first;
+        }
+        return 0;
+    }
+    bool wasRemoved(int id) const { return std::find(removed.begin(), removed.end(), id) != removed.end(); }
+    // Fires a one-shot timer as a loop does: out of the table first, then its callback.
+    void fire(int id)
+    {
+        const Timer t = timers.at(id);
+        timers.erase(id);
+        (void)t.callback(id, ltTime(0, 0), t.userData);
+    }
+};
+
+Probe* mortal(Recorder& rec, const char* name, int flags, Probe::Result result)
+{
+    auto* h = new Probe(rec, name, key1Is(1), flags, result);
+    h->setLethalTime(ltTime(1, 0));
+    return h;
+}
+
+// Lethal timers: only a handler the queue deletes loses its timer (it would fire on freed
+// memory). One that leaves and survives keeps it, and at its lethal time is invoked with
+// reason 1 and then dropped like one still queued.
+TEST(LethalTimers, OnlyHandlersTheQueueDeletesLoseTheirTimer)
+{
+    AppLoop loop;
+    ltEventQueue queue(loop);
+    Recorder rec;
+    Probe* once = mortal(rec, "once", 0, goOn);                           // deleted after its call
+    Probe* borrowed = mortal(rec, "borrowed", ltEventHandler::kNotOwned, goOn);  // survives its call
+    Probe* released = mortal(rec, "released", ltEventHandler::kPersistent, goOn);
+    Probe* kept = mortal(rec, "kept", ltEventHandler::kPersistent, goOn);
+    Probe* dropped = mortal(rec, "dropped", ltEventHandler::kPersistent, goOn);
+    for (Probe* h : {once, borrowed, released, kept, dropped})
+        ASSERT_NE(0u, queue.addEventHandler(h));
+    const int onceTimer = loop.timerOf(once), borrowedTimer = loop.timerOf(borrowed),
+              releasedTimer = loop.timerOf(released), keptTimer = loop.timerOf(kept),
+              droppedTimer = loop.timerOf(dropped);
+    ASSERT_EQ(5u, loop.timers.size());
+
+    // "borrowed" moves into the index of "once" and is skipped for the first event: kept.
+    for (unsigned key2 : {1u, 2u}) {
+        ASSERT_EQ(0, queue.post(*new CountedEvent(rec, 1, key2), 0));
+        ASSERT_EQ(0, queue.processNextEvent());
+    }
+    EXPECT_EQ(1, rec.handlersDeleted["once"]);
+    EXPECT_TRUE(loop.wasRemoved(onceTimer));
+    EXPECT_EQ(0u, borrowed->id);
+    EXPECT_FALSE(loop.wasRemoved(borrowedTimer));
+    EXPECT_EQ(1, queue.removeEventHandlers(0, 0, released, false));
+    EXPECT_FALSE(loop.wasRemoved(releasedTimer));
+    EXPECT_EQ(1, queue.removeEventHandlers(0, 0, dropped, true));
+    EXPECT_TRUE(loop.wasRemoved(droppedTimer));
+    EXPECT_EQ(1, rec.handlersDeleted["dropped"]);
+
+    // The surviving handlers' timers fire: each is invoked with reason 1; the persistent one
+    // that was released stays; the one not owned gets its id reset (already 0) and lives on.
+    released->flags &= ~ltEventHandler::kPersistent;  // now it is dropped at its lethal time
+    loop.fire(borrowedTimer);
+    loop.fire(releasedTimer);
+    loop.fire(keptTimer);
+    EXPECT_EQ(1, rec.countLocked("borrowed", ltEventHandler::kReasonLethalTime));
+    EXPECT_EQ(1, rec.countLocked("released", ltEventHandler::kReasonLethalTime));
+    EXPECT_EQ(1, rec.countLocked("kept", ltEventHandler::kReasonLethalTime));
+    EXPECT_EQ(0, rec.handlersDeleted.count("borrowed"));
+    EXPECT_EQ(1, rec.handlersDeleted["released"]);  // left without being deleted: deleted now
+    EXPECT_EQ(0, rec.handlersDeleted.count("kept"));
+    EXPECT_EQ(2u, loop.removed.size());  // once's and dropped's: none twice, none by mistake
+    EXPECT_EQ(1, queue.removeEventHandlers(0, 0, kept, true));
+    EXPECT_EQ(2u, loop.removed.size());  // kept's timer has fired: nothing left to remove
+    delete borrowed;
+}
+
+// The TTL expiry removes the event's timer on the loop the queue was given, whatever the
+// loop did with it, and deletes the event once; one that expires while it is being
+// dispatched is deleted when its dispatch ends, and reaches no further handler.
+TEST(EventTtl, ExpiryRemovesTheTimerOnTheGivenLoopAndDeletesOnce)
+{
+    AppLoop loop;
+    ltEventQueue queue(loop);
+    Recorder rec;
+    auto* e = new CountedEvent(rec, 1, 1);
+    ASSERT_EQ(0, queue.post(*e, 5));
+    const int ttl = loop.timerOf(e);
+    ASSERT_NE(0, ttl);
+    loop.fire(ttl);
+    EXPECT_EQ(std::vector<int>{ttl}, loop.removed);
+    EXPECT_EQ(1, rec.eventsDeleted[1]);
+    EXPECT_EQ(-1, queue.processNextEvent());
+
+    struct Expirer : ltEventHandler {
+        Expirer(AppLoop& l) : ltEventHandler(nullptr, nullptr, nullptr, kPersistent), loop(l) {}
+        int invoke(ltEventQueue&, ltEvent* event, int) override
+        {
+            loop.fire(loop.timerOf(event));  // as if the handler ran the loop's timers
+            return 0;                        // would keep it
+        }
+        AppLoop& loop;
+    };
+    ASSERT_NE(0u, queue.addEventHandler(5, new Expirer(loop)));
+    auto* after = new Probe(rec, "after", nullptr, ltEventHandler::kPersistent, goOn);
+    ASSERT_NE(0u, queue.addEventHandler(0, after));
+    ASSERT_EQ(0, queue.post(*new CountedEvent(rec, 1, 2), 5));
+    loop.removed.clear();
+    EXPECT_EQ(0, queue.processNextEvent());
+    EXPECT_EQ(1, rec.eventsDeleted[2]);
+    EXPECT_EQ(0, rec.countLocked("after", 0));
+    EXPECT_EQ(1u, loop.removed.size());  // by the expiry; not again with a stale id
+    EXPECT_EQ(-1, queue.processNextEvent());
+    EXPECT_EQ(2, queue.removeEventHandlers(0, 0, nullptr, true));
+}
+
+// A handler that runs processNextEvent() itself on a queue holding nothing else finds it
+// empty, so the known time is renewed: the event it then keeps carries the old known time and
+// is offered again on the next call, not left queued for ever.
+TEST(PutBack, EventKeptAfterTheQueueWasFoundEmptyIsOfferedAgain)
+{
+    TestLoop loop;  // not run: this thread plays the loop thread
+    ltEventQueue queue(loop);
+    Recorder rec;
+    struct Nested : ltEventHandler {
+        Nested() : ltEventHandler(nullptr, nullptr, nullptr, kPersistent) {}
+        int invoke(ltEventQueue& q, ltEvent*, int) override
+        {
+            if (++calls > 1)
+                return 1;  // finished the second time
+            const ltTime known = q.getKnownTime();
+            inner = q.processNextEvent();
+            innerErrno = errno;
+            while (lt_internal::monotonicNow() == known) {  // the next known time differs
+            }
+            return 0;
+        }
+        int calls = 0;
+        int inner = 0;
+        int innerErrno = 0;
+    };
+    auto* nested = new Nested();
+    ASSERT_NE(0u, queue.addEventHandler(nested));
+    ASSERT_EQ(0, queue.post(*new CountedEvent(rec, 1, 1), 0));
+    EXPECT_EQ(0, queue.processNextEvent());
+    EXPECT_EQ(-1, nested->inner);
+    EXPECT_EQ(EAGAIN, nested->innerErrno);
+    EXPECT_EQ(0, rec.eventsDeleted.count(1));
+    EXPECT_EQ(0, queue.processNextEvent());  // offered again, and finished
+    EXPECT_EQ(2, nested->calls);
+    EXPECT_EQ(1, rec.eventsDeleted[1]);
+    EXPECT_EQ(-1, queue.processNextEvent());
+    EXPECT_EQ(1, queue.removeEventHandlers(0, 0, nullptr, true));
+}
+
+// Handlers that leave during their own invocation: one deleted by removeEventHandlers() is not
+// touched again; one removed without being deleted is still done with as a non-persistent
+// handler is (deleted); the list keeps every other handler.
+TEST(HandlerRemoval, HandlersLeavingDuringTheirOwnCall)
+{
+    TestLoop loop;
+    ltEventQueue queue(loop);
+    Recorder rec;
+    struct Leaver : Probe {
+        Leaver(Recorder& r, const char* n, bool d) : Probe(r, n, nullptr, 0, goOn), destroy(d) {}
+        int invoke(ltEventQueue& q, ltEvent* e, int reason) override
+        {
+            (void)Probe::invoke(q, e, reason);
+            return q.removeEventHandlers(0, 0, this, destroy) == 1 ? 1 : -1;  // may delete this
+        }
+        bool destroy;
+    };
+    ASSERT_NE(0u, queue.addEventHandler(3, new Leaver(rec, "deleter", true)));
+    ASSERT_NE(0u, queue.addEventHandler(2, new Leaver(rec, "releaser", false)));
+    ASSERT_NE(0u, queue.addEventHandler(1, new Probe(rec, "last", nullptr, ltEventHandler::kPersistent, goOn)));
+    ASSERT_EQ(0, queue.post(*new CountedEvent(rec, 1, 1), 0));
+    EXPECT_EQ(0, queue.processNextEvent());
+    EXPECT_EQ(1, rec.handlersDeleted["deleter"]);
+    // "releaser" moved into the index of "deleter" and was skipped for this event: kept.
+    EXPECT_EQ(0, rec.countLocked("releaser", 0));
+    EXPECT_EQ(1, rec.countLocked("last", 0));
+    ASSERT_EQ(0, queue.post(*new CountedEvent(rec, 1, 2), 0));
+    EXPECT_EQ(0, queue.processNextEvent());
+    EXPECT_EQ(1, rec.countLocked("releaser", 0));
+    EXPECT_EQ(1, rec.handlersDeleted["releaser"]);
+    EXPECT_EQ(1, rec.handlersDeleted["deleter"]);
+    EXPECT_EQ(1, rec.eventsDeleted[1]);
+    EXPECT_EQ(1, rec.eventsDeleted[2]);
+    EXPECT_EQ(1, queue.removeEventHandlers(0, 0, nullptr, true));
 }
 
 }  // namespace

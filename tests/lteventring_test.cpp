@@ -32,46 +32,72 @@ struct IdleLoop : ltLinuxSelectMainLoop {  // never run: post() writes no wake-u
 
 ltEvent* newEvent(unsigned key2) { return new ltEvent(1, key2, 0, 0, nullptr, 0); }
 
-// Random pushes, batch takes and removals against a deque; the array must grow exactly when
-// and as much as a plain lfcVector holding the same events does.
-TEST(EventRingModel, KeepsArrivalOrderAndGrowsLikeAPlainVector)
+// Random pushes, batch takes behind the skipped events, pushes in front of them and removals
+// against a model: the skipped events as a set, the others in order. Without skipped events
+// the array grows exactly when and as much as a plain lfcVector holding the same events does.
+TEST(EventRingModel, KeepsArrivalOrderBehindTheSkippedAndGrowsLikeAPlainVector)
 {
     std::mt19937 random(7);
     lfcVector storage(4, 3);
     lfcVector plain(4, 3);
     int head = 0;
+    int skipped = 0;
     EventRing ring(storage, head);
+    std::vector<ltEvent*> skippedModel;  // order among them does not matter
     std::deque<ltEvent*> model;
     std::vector<std::unique_ptr<ltEvent>> owned;
 
-    for (int step = 0; step < 4000; ++step) {
-        const unsigned op = random() % 10;
+    for (int step = 0; step < 6000; ++step) {
+        const bool withSkipped = step >= 3000;  // the first half keeps to the plain vector
+        const unsigned op = random() % 12;
         if (op < 5) {  // push
             owned.emplace_back(newEvent(static_cast<unsigned>(step)));
             ASSERT_EQ(0, ring.reserveFor(ring.size()));
             ring.push(owned.back().get());
             model.push_back(owned.back().get());
             ASSERT_EQ(0, plain.add(*owned.back()));
-        } else if (op < 8) {  // take a batch from the front
+        } else if (op < 8) {  // take a batch from behind the skipped events
             ltEvent* out[5];
-            const int n = ring.takeFront(out, static_cast<int>(random() % 5) + 1);
+            const int n = ring.takeFront(out, static_cast<int>(random() % 5) + 1, skipped);
             for (int i = 0; i < n; ++i) {
                 ASSERT_EQ(model.front(), out[i]) << "step " << step;
                 model.pop_front();
-                ASSERT_EQ(0, plain.remove(0, 1));
+                ASSERT_EQ(0, plain.remove(0, 1));  // the plain vector holds the others only
             }
-        } else if (!model.empty()) {  // remove one by identity, anywhere
-            const size_t at = random() % model.size();
-            ltEvent* e = model[at];
-            ASSERT_TRUE(ring.remove(e));
-            EXPECT_FALSE(ring.remove(e));
-            model.erase(model.begin() + static_cast<long>(at));
-            ASSERT_EQ(0, plain.remove(*e));
+            // Some come back in front, as the queue does with one put back at the known time.
+            for (int i = 0; withSkipped && i < n; i += 2) {
+                ring.pushFront(out[i]);
+                ++skipped;
+                skippedModel.push_back(out[i]);
+            }
+        } else if (!model.empty() || !skippedModel.empty()) {  // remove one by identity, anywhere
+            const size_t at = random() % (skippedModel.size() + model.size());
+            ltEvent* e = at < skippedModel.size() ? skippedModel[at] : model[at - skippedModel.size()];
+            const int position = ring.remove(e);
+            ASSERT_GE(position, 0);
+            EXPECT_EQ(-1, ring.remove(e));
+            EXPECT_EQ(at < skippedModel.size(), position < skipped);
+            if (position < skipped) {
+                --skipped;
+                skippedModel.erase(skippedModel.begin() + static_cast<long>(at));
+            } else {
+                model.erase(model.begin() + static_cast<long>(at - skippedModel.size()));
+                ASSERT_EQ(0, plain.remove(*e));
+            }
         }
-        ASSERT_EQ(static_cast<int>(model.size()), ring.size());
-        ASSERT_EQ(plain.capacity, storage.capacity) << "step " << step;
-        for (int i = 0; i < ring.size(); ++i)
-            ASSERT_EQ(model[static_cast<size_t>(i)], ring.at(i)) << "step " << step << " index " << i;
+        ASSERT_EQ(static_cast<int>(skippedModel.size() + model.size()), ring.size());
+        if (!withSkipped) {
+            ASSERT_EQ(plain.capacity, storage.capacity) << "step " << step;
+        }
+        std::vector<ltEvent*> front;
+        for (int i = 0; i < skipped; ++i)
+            front.push_back(ring.at(i));
+        std::sort(front.begin(), front.end());
+        std::vector<ltEvent*> expectedFront = skippedModel;
+        std::sort(expectedFront.begin(), expectedFront.end());
+        ASSERT_EQ(expectedFront, front) << "step " << step;
+        for (int i = skipped; i < ring.size(); ++i)
+            ASSERT_EQ(model[static_cast<size_t>(i - skipped)], ring.at(i)) << "step " << step << " index " << i;
     }
 }
 

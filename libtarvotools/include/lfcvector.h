@@ -55,7 +55,8 @@ public:
     /// A new lfcVectorIterator on this vector, allocated with new (null when that fails); the
     /// caller deletes it.
     lfcVectorIterator* iterator() override;
-    int getSize() const override { return size; }
+    /// Number of references held.
+    int getSize() const override;
     /// Frees the array; the objects are not touched.
     ~lfcVector() override;
 
@@ -74,7 +75,7 @@ public:
     virtual int expandTo(int n);
 
     /// First index whose entry is &o, else -1.
-    int indexOf(const lfcObject& o) const;
+    int indexOf(const lfcObject& o);
     /// The entry at index; no check: index must be within 0..size-1.
     lfcObject* elementAt(int index) const { return data[index]; }
 

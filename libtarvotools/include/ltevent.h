@@ -34,11 +34,11 @@ public:
     ~ltEvent() override;
 
     /// Sets prio, which the queue does not use for ordering.
-    void setPrio(unsigned short p) { prio = p; }
+    void setPrio(unsigned short p);
     /// Sets the time stamp; post() overwrites it with the queue's known time.
-    void setTimeStamp(ltTime& t) { timeStamp = t; }
+    void setTimeStamp(ltTime& t);
     /// Sets the lethal time directly.
-    void setLethalTime(ltTime& t) { lethalTime = t; }
+    void setLethalTime(ltTime& t);
     /// lethal time = time stamp + ttl, the microseconds carried into seconds (truncating).
     void setTTL(ltTime& ttl);
     /// The same with ttl = (ms / 1000 s, (ms % 1000) * 1000 us).

@@ -49,7 +49,7 @@ public:
     virtual int invoke(ltEventQueue& queue, ltEvent* event, int reason) = 0;
 
     /// Copies t into the lethal time. Takes effect when the handler is added to a queue.
-    void setLethalTime(const ltTime& t) { lethalTime = t; }
+    void setLethalTime(const ltTime& t);
 
     // Plain fields, in this order.
     ltEventMask* mask;      ///< events offered are those this mask matches (all, when null)

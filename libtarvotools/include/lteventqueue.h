@@ -23,19 +23,36 @@
 /// by one; until dispatched they still count as queued for the max size.
 ///
 /// Ownership: a posted event and an added handler belong to the queue, which deletes them
-/// through their virtual destructors (a handler with kNotOwned excepted). A handler that
-/// leaves the queue, by whatever road, has its lethal timer disarmed, so that the timer never
-/// reaches a handler the queue no longer holds. The destructor deletes neither events nor
-/// handlers and removes no timers: unregister the queue and let its timers pass before
-/// destroying it.
+/// through their virtual destructors (a handler with kNotOwned excepted). Where the queue
+/// itself deletes a handler (after an invocation, in removeEventHandlers(..., true), after its
+/// lethal time), the handler's lethal timer goes with it: removed from the loop if it has not
+/// fired, so that it never reaches freed memory. A handler that leaves and survives (kNotOwned,
+/// or removed with destroy false) keeps its lethal timer: at its lethal time it is invoked
+/// with reason 1 and then, unless persistent, deleted (id reset with kNotOwned) like one still
+/// in the queue. Do not delete such a handler yourself before its lethal time has passed.
+/// The destructor deletes neither events nor handlers and removes no timers: unregister the
+/// queue and let its timers pass before destroying it.
+///
+/// Handlers may post, add and remove handlers and call processNextEvent() during their
+/// invocation. After it, a non-persistent handler is taken out of the list by identity,
+/// wherever the list has moved it (or not at all when it has left it), never by the index
+/// it was invoked at, which may hold another handler by then. What the queue deletes meanwhile
+/// is not touched again when the invocation returns: a handler deleted by removeEventHandlers()
+/// from inside its own invocation is neither removed nor deleted a second time, and an event
+/// whose TTL timer fires while it is being dispatched (only when a handler runs the loop's
+/// timers itself) is offered to no further handler and deleted, with its timer removed, when
+/// its dispatch ends.
 ///
 /// Things a caller must know (kept: existing applications rely on them):
 ///   - An event that a handler keeps (result 0), or that no handler matches, is put back
-///     with the current known time and is not offered again while that known time stands.
-///     The known time is renewed only when processNextEvent() finds the queue empty, which
-///     cannot happen while the put-back event is queued: a put-back event is not offered
-///     again while the queue never becomes empty, and stays until its TTL expires (for ever
-///     without one). Meanwhile posted events are stamped with the old known time.
+///     with the known time of its dispatch and is not offered again while the known time
+///     equals that time. The known time is renewed only after processNextEvent() has found
+///     the queue empty, which cannot happen while the put-back event is queued: a put-back
+///     event is not offered again while the queue never becomes empty, and stays until its
+///     TTL expires (for ever without one). Meanwhile posted events are stamped with the old
+///     known time. An event put back by a dispatch that began before the queue was found
+///     empty (a handler that called processNextEvent() itself, on a queue holding nothing
+///     else) carries the old time and is offered again, in its place in arrival order.
 ///   - TTLs and lethal times are computed from the known time, which is monotonic, but armed
 ///     as absolute (wall-clock) timers. The wall clock is far ahead of the monotonic one, so
 ///     such a timer is already due and expires on the loop's next pass, whatever its length:
@@ -59,8 +76,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <utility>
-#include <vector>
 
 #include "lfcvector.h"
 #include "ltcallbackeventhandler.h"
@@ -80,9 +95,11 @@ public:
     /// Binds the queue to loop; max size 4000. Does not register with the loop.
     explicit ltEventQueue(ltMainLoop& loop);
 
-    /// Takes the first event not put back at the current known time and dispatches it (see the
-    /// file comment). 0 when an event was taken; -1 with errno EAGAIN when none could be
-    /// taken. Loop thread only.
+    /// Takes the first event, in arrival order, not put back at the current known time and
+    /// dispatches it (see the file comment). 0 when an event was taken; -1 with errno EAGAIN
+    /// when none could be taken. The known time is marked stale when the queue is found empty,
+    /// so an event that a dispatch under way puts back afterwards is offered again. Loop
+    /// thread only; a handler may call it for the queue that invokes it.
     int processNextEvent() override;
     /// Destroys the mutex and the vectors; queued events and handlers are not deleted and
     /// their timers not removed.
@@ -91,19 +108,21 @@ public:
     /// Queues event, with a time to live of ttlMs milliseconds (0: none), and wakes the loop.
     /// 0 on success: the queue owns the event, do not touch it any more. -1 with errno EAGAIN
     /// when more than the max size are queued, EBUSY when the event already has an owner,
-    /// ENOMEM when the vector cannot grow; -1 with errno untouched when the TTL timer cannot
-    /// be added (the event then keeps this queue as its owner and cannot be posted again).
-    /// Any thread.
+    /// ENOMEM when the queue cannot get the memory for it (the event is then untouched and
+    /// still the caller's); -1 with errno untouched when the TTL timer cannot be added (the
+    /// event then keeps this queue as its owner and cannot be posted again). Any thread.
     virtual int post(ltEvent& event, unsigned int ttlMs);
     /// Removes every handler that matches: not null, equal to handler if one is given, group
     /// tag 0 or equal to group if group is not 0, and exactly this id if id is not 0. Removed
-    /// handlers are deleted when destroy is true (kNotOwned is not consulted here); their
-    /// lethal timers are disarmed either way. Returns how many were removed. Loop thread only.
+    /// handlers are deleted when destroy is true (kNotOwned is not consulted here), and their
+    /// lethal timers removed with them; with destroy false they keep their lethal timers (see
+    /// the file comment). Returns how many were removed. Loop thread only.
     virtual int removeEventHandlers(unsigned long long id, int group, ltEventHandler* handler, bool destroy);
     /// Adds h with priority prio after every handler of priority prio or more, so higher
     /// priorities are invoked first and equal ones in the order added; arms a timer for its
     /// lethal time if it has one. Returns its id (the first is 2), or 0 with errno EBUSY when
-    /// h already belongs to a queue (EINVAL for null). Loop thread only.
+    /// h already belongs to a queue (EINVAL for null, ENOMEM when the queue cannot get the
+    /// memory for it; h is then not added and still the caller's). Loop thread only.
     virtual unsigned long long addEventHandler(int prio, ltEventHandler* h);
     ///@{
     /// Events queued beyond this are refused; 0 or less: unbounded. Any thread.
@@ -112,38 +131,34 @@ public:
     ///@}
 
     /// addEventHandler(0, h).
-    unsigned long long addEventHandler(ltEventHandler* h) { return addEventHandler(0, h); }
+    unsigned long long addEventHandler(ltEventHandler* h);
     /// Adds an ltCallbackEventHandler(mask, userData, no lethal time, flags, cb) with priority
     /// 0; a lethalMs other than 0 sets its lethal time to the known time plus lethalMs. Returns
-    /// the id, or 0 (errno ENOMEM). Loop thread only.
+    /// the id, or 0 (errno ENOMEM; the mask stays the caller's). Loop thread only.
     unsigned long long addEventHandlerFunction(ltEventHandlerCallback cb, ltEventMask* mask,
                                                void* userData, unsigned int lethalMs, int flags);
-    /// The known time: the monotonic time read when it was last invalid, kept until
+    /// The known time: the monotonic time read when it was last stale, kept until
     /// processNextEvent() finds the queue empty. Any thread.
     ltTime getKnownTime() const;
 
     // Timer callbacks given to the main loop.
-    /// An event's TTL has passed: it is removed from its queue and deleted; its handlers are
-    /// not told. Returns 0. Loop thread.
+    /// An event's TTL has passed: it is removed from its queue, its TTL timer is removed from
+    /// the loop (removeTimer() with the event's timer id) and it is deleted; its handlers are
+    /// not told. On the library's own loops, which have taken the fired timer out already,
+    /// the timer that fired is not removed again: its id may name a newer timer by then. An
+    /// event being dispatched at that moment is deleted when its dispatch ends instead.
+    /// Returns 0. Loop thread.
     static int cbEventTimeOut(int id, const ltTime& expiry, void* event);
-    /// A handler's lethal time has passed: it is invoked with reason 1 and then dropped unless
-    /// persistent (deleted, or its id reset with kNotOwned). Returns 0. Loop thread.
+    /// A handler's lethal time has passed: it is invoked with reason 1, then, unless
+    /// persistent, removed from the handler list if it is still there and deleted, or its id
+    /// reset to 0 with kNotOwned. That holds also for a handler that left the queue without
+    /// being deleted. A handler that the queue deletes during this invocation is not touched
+    /// again. Returns 0. Loop thread.
     static int cbEventHandlerTimeOut(int id, const ltTime& expiry, void* handler);
 
 private:
     friend struct ltAbiLayout;  // the ABI test reads the field offsets; nothing else
-    ltTime knownTimeLocked() const;
-    int queuedBoundLocked() const;
-    int queuedExactLocked() const;
-    ltEvent* takeNext(ltTime& known);
-    int putBackLocked(ltEvent& event);
-    bool unclaim(const ltEvent* event);
-    void putBack(ltEvent& event, const ltTime& known);
-    void finish(ltEvent* event);
-    bool dispatch(ltEvent& event);
-    int handlerIndex(const ltEventHandler* h, int hint) const;
-    void dropHandler(int index, ltEventHandler* h, bool destroy);
-    void disarmLethalTimer(const ltEventHandler* h, bool removeTimer);
+    struct Ext;                 // the queue's own bookkeeping, kept beside it; see the source
 
     // Fields, in this order.
     int dispatchDepth_;               // -1 at rest; raised while an event is dispatched
@@ -155,29 +170,9 @@ private:
     uint64_t handlerIdCounter_;       // starts at 1: the first id handed out is 2
     ltMainLoop& loop_;
     mutable pthread_mutex_t mutex_;   // default attributes; guards events_ and the known time
-    // Lethal-time timers still armed, by handler: disarmed when the handler leaves the queue,
-    // so that no timer outlives the handler it points to. Loop thread.
-    std::vector<std::pair<const ltEventHandler*, int>> lethalTimers_;
-
-    // Where the queued events are. Claimed events, then the ring, are the queue in arrival
-    // order; put-back events are never handed out again while queued, so where they sit
-    // does not matter.
-    static constexpr int kClaimBatch = 32;
-    int eventsHead_;                       // events_' array is a ring from this slot; under mutex_
-    std::vector<ltEvent*> eventsPutBack_;  // put back at the known time; under mutex_
-    int claimBound_;                       // at least claim_.left; under mutex_
-    // The oldest events, taken out of the ring in one go by the loop thread so that it locks
-    // once per batch, not once per event. They still count as queued: post() reads 'left'
-    // when the queue may be full. On a cache line of its own, away from what post() writes.
-    struct alignas(64) Claim {
-        std::atomic<int> left;  // events[next..count) not yet taken; written by the loop thread
-        int next;
-        int count;
-        ltTime known;           // the known time they were claimed at
-        ltEvent* events[kClaimBatch];
-    } claim_;
 };
 
-static_assert(sizeof(std::atomic<int>) == sizeof(int), "the max queue size is one int");
+static_assert(sizeof(std::atomic<int>) == sizeof(int) && alignof(std::atomic<int>) == alignof(int),
+              "the max queue size is one int");
 
 #endif // LTEVENTQUEUE_H

@@ -174,7 +174,12 @@ int lfcVector::replace(const lfcObject& o, int index)
     return kOk;
 }
 
-int lfcVector::indexOf(const lfcObject& o) const
+int lfcVector::getSize() const
+{
+    return size;
+}
+
+int lfcVector::indexOf(const lfcObject& o)
 {
     for (int i = 0; i < size; ++i) {
         if (data[i] == &o)

@@ -17,6 +17,21 @@ ltEvent::~ltEvent()
         std::free(const_cast<char*>(data));
 }
 
+void ltEvent::setPrio(unsigned short p)
+{
+    prio = p;
+}
+
+void ltEvent::setTimeStamp(ltTime& t)
+{
+    timeStamp = t;
+}
+
+void ltEvent::setLethalTime(ltTime& t)
+{
+    lethalTime = t;
+}
+
 void ltEvent::setTTL(ltTime& ttl)
 {
     lethalTime = ltTimeAdd(timeStamp, ttl);

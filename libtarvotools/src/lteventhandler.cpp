@@ -14,3 +14,8 @@ ltEventHandler::~ltEventHandler()
     if (mask != nullptr && (flags & kOwnsMask) != 0)
         delete mask;
 }
+
+void ltEventHandler::setLethalTime(const ltTime& t)
+{
+    lethalTime = t;
+}

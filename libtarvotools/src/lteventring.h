@@ -5,12 +5,16 @@
 // capacity. Taking the oldest events and appending a new one are O(1) per event, where
 // lfcVector::remove(0, 1) would move every queued pointer.
 //
+// The first 'skipped' events of the ring are those put back at the current known time: the
+// queue does not hand them out again while that time stands, and it cannot change while they
+// are queued, so their order among themselves does not matter. takeFront() takes the events
+// behind them and pushFront() adds one to them, each in O(1) per event.
+//
 // The vector's fields keep their meaning: size is the number of events in the ring, and
 // capacity grows by growBy through expandTo() (the array put back in plain order first).
-// The queue also counts events that it holds outside the ring (claimed by the loop thread,
-// or put back); reserveFor() takes that total, so the array grows at the same counts, to the
-// same sizes, as a plain lfcVector holding every queued event would, and the memory counted
-// in lfcUtilMallocUsed is the same.
+// The queue also counts the events that it holds outside the ring (claimed by the loop
+// thread or being dispatched); reserveFor() takes that total, so that an event coming back
+// into the ring always finds a slot.
 //
 // Not synchronised: the queue holds its mutex around every call.
 //
@@ -54,25 +58,40 @@ public:
         v_.size += 1;
     }
 
-    // Moves up to max of the oldest events, oldest first, into out; returns how many.
-    int takeFront(ltEvent** out, int max)
+    // Adds e in front of the oldest event; reserveFor() must have made room.
+    void pushFront(ltEvent* e)
     {
-        const int n = std::min(max, v_.size);
+        head_ = head_ == 0 ? v_.capacity - 1 : head_ - 1;
+        v_.data[head_] = e;
+        v_.size += 1;
+    }
+
+    // Moves up to max of the oldest events behind the first 'skipped' ones, oldest first,
+    // into out; returns how many. The skipped events stay in front, perhaps reordered.
+    int takeFront(ltEvent** out, int max, int skipped = 0)
+    {
+        const int n = std::min(max, v_.size - skipped);
         for (int i = 0; i < n; ++i)
-            out[i] = at(i);
+            out[i] = at(skipped + i);
+        // The skipped events end up at positions n .. n + skipped - 1: those not there yet
+        // fill the slots just emptied.
+        const int moved = std::min(n, skipped);
+        for (int k = 0; k < moved; ++k)
+            v_.data[slot(std::max(n, skipped) + k)] = v_.data[slot(k)];
         head_ = n < v_.size ? slot(n) : 0;
         v_.size -= n;
         return n;
     }
 
-    // Removes e wherever it is, keeping the order of the others. false when it is absent.
-    bool remove(const ltEvent* e)
+    // Removes e wherever it is, keeping the order of the others. Its former position, or -1
+    // when it is absent.
+    int remove(const ltEvent* e)
     {
         int i = 0;
         while (i < v_.size && v_.data[slot(i)] != e)
             ++i;
         if (i == v_.size)
-            return false;
+            return -1;
         if (i < v_.size - 1 - i) {
             // Nearer the front: move the events before it one slot towards the back.
             for (int k = i; k > 0; --k)
@@ -85,7 +104,7 @@ public:
         v_.size -= 1;
         if (v_.size == 0)
             head_ = 0;
-        return true;
+        return i;
     }
 
 private:
