@@ -154,6 +154,11 @@ template <class Fn, class... A> void* forward(Fn& cached, const char* name, A...
     return fn(args...);
 }
 
+using AlignedAllocFn = void* (*)(size_t, size_t);
+using PosixMemalignFn = int (*)(void**, size_t, size_t);
+AlignedAllocFn nextAlignedAlloc, nextMemalign;
+PosixMemalignFn nextPosixMemalign;
+
 }  // namespace
 
 extern "C" {
@@ -215,6 +220,38 @@ void free(void* p)
     account(p, false);
     Nested nested;
     nextFree(p);
+}
+
+// Aligned blocks (operator new of an over-aligned type comes here): counted and failed like
+// malloc's, so that their release through free() is matched.
+void* aligned_alloc(size_t align, size_t n)
+{
+    if (shouldFail())
+        return nullptr;
+    void* p = forward(nextAlignedAlloc, "aligned_alloc", align, n);
+    account(p, true);
+    return p;
+}
+
+void* memalign(size_t align, size_t n)
+{
+    if (shouldFail())
+        return nullptr;
+    void* p = forward(nextMemalign, "memalign", align, n);
+    account(p, true);
+    return p;
+}
+
+int posix_memalign(void** out, size_t align, size_t n)
+{
+    if (shouldFail())
+        return ENOMEM;
+    PosixMemalignFn fn = nextOf(nextPosixMemalign, "posix_memalign");
+    Nested nested;
+    const int r = fn(out, align, n);
+    if (r == 0)
+        account(*out, true);
+    return r;
 }
 
 // ASan answers these itself, without passing through malloc: here they do, so they are

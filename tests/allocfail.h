@@ -32,8 +32,9 @@
 // or a loop thread allocate normally. Arm around the operation under test only.
 //
 // strdup and strndup are defined here too (ASan would answer them without malloc). Not
-// covered: other calls ASan intercepts whole (getline, asprintf, realpath) and
-// posix_memalign/aligned_alloc; the library uses none of them.
+// covered: other calls ASan intercepts whole (getline, asprintf, realpath), which the library
+// does not use. aligned_alloc, memalign and posix_memalign are: over-aligned objects come
+// from them and go back through free().
 //
 // Each sweep first runs its body once without failures, so that what is made once per
 // process (a lazily built table, OpenSSL's error queue, dlerror's buffer) does not count as
