@@ -13,7 +13,8 @@
 // deleted, exactly once; every one-shot timer fired once; every byte written was read; no
 // handler or event is left; lfcUtilMallocUsed is back at its start value once the queue is
 // gone; the resident memory did not grow after the warm-up (the first quarter of the run, at
-// least five seconds) by more than max(10 %, 8 MiB), nor the heap in use by more than 1 MiB. The figures are printed; the exit
+// least five seconds) by more than max(10 %, 8 MiB) (plus 2 MiB a minute under ASan, whose own
+// bookkeeping grows), nor the heap in use by more than 1 MiB. The figures are printed; the exit
 // status is 0 when every check held.
 //
 // `make soak SOAK_MINUTES=n` runs it under AddressSanitizer; CTest runs a short version.
@@ -56,7 +57,7 @@ constexpr int kPosters = 16;
 constexpr int kPipes = 8;
 
 std::atomic<long long> constructedEvents{0}, destroyedEvents{0}, dispatchedDeleted{0}, expiredDeleted{0};
-std::atomic<long long> posted{0}, refused{0}, fullRetries{0}, brokenEvents{0};
+std::atomic<long long> posted{0}, refused{0}, gaveUp{0}, fullRetries{0}, brokenEvents{0};
 std::atomic<long long> handlersAlive{0}, handlersAdded{0}, lethalCalls{0}, deliveries{0}, wrongThread{0};
 std::atomic<long long> oneShotsAdded{0}, oneShotsFired{0}, periodicFired{0}, timersRefused{0};
 std::atomic<long long> bytesWritten{0}, bytesRead{0};
@@ -297,7 +298,7 @@ void poster(int p, ltEventQueue& queue, Pipes& pipes, const std::atomic<bool>& s
                 continue;
             }
             e->refusedByQueue = true;  // still ours
-            refused.fetch_add(1);
+            (errno == EAGAIN ? gaveUp : refused).fetch_add(1);  // full when the time was up, or refused
             delete e;
             e = nullptr;
             break;
@@ -467,24 +468,29 @@ int main(int argc, char** argv)
     const double ran = std::chrono::duration<double>(Clock::now() - started).count();
 
     std::printf("soak: %.2f minutes, %d posters\n", ran / 60, kPosters);
-    std::printf("  events: %lld posted (%lld retries on a full queue, %lld refused), %lld dispatched and "
-                "deleted, %lld expired and deleted, %lld handler deliveries\n",
-                posted.load(), fullRetries.load(), refused.load(), dispatchedDeleted.load(), expiredDeleted.load(),
-                deliveries.load());
+    std::printf("  events: %lld posted (%lld retries on a full queue, %lld still full at the end, %lld refused), "
+                "%lld dispatched and deleted, %lld expired and deleted, %lld handler deliveries\n",
+                posted.load(), fullRetries.load(), gaveUp.load(), refused.load(), dispatchedDeleted.load(),
+                expiredDeleted.load(), deliveries.load());
     std::printf("  handlers: %lld added, %lld lethal-time calls; timers: %lld one-shot added, %lld fired, %lld "
                 "periodic firings, %lld refused; pipe bytes: %lld written, %lld read\n",
                 handlersAdded.load(), lethalCalls.load(), oneShotsAdded.load(), oneShotsFired.load(),
                 periodicFired.load(), timersRefused.load(), bytesWritten.load(), bytesRead.load());
     std::printf("  lfcUtilMallocUsed: %d at start, %d at end\n", static_cast<int>(mallocAtStart),
                 static_cast<int>(mallocAtEnd));
-    const long tolerance = std::max(rssAfterWarmUp / 10, 8192L);
+    long tolerance = std::max(rssAfterWarmUp / 10, 8192L);
+#if defined(__SANITIZE_ADDRESS__)
+    // AddressSanitizer's own bookkeeping grows by about 1 MiB a minute under this load while the
+    // heap in use stays flat; the heap check below is the strict one there.
+    tolerance += static_cast<long>(2048 * std::chrono::duration<double>(runFor - warmUp).count() / 60);
+#endif
     std::printf("  resident KiB: %ld after warm-up, %ld peak after it, %ld at end (tolerance %ld); heap KiB: "
                 "%ld after warm-up, %ld at end\n",
                 rssAfterWarmUp, rssPeak, rssAtEnd, tolerance, heapAfterWarmUp, heapAtEnd);
 
     check(drained, "every event came to its end");
     check(brokenEvents.load() == 0, "no event deleted twice or overwritten");
-    check(destroyedEvents.load() == posted.load() + refused.load(), "every event deleted exactly once");
+    check(destroyedEvents.load() == posted.load() + gaveUp.load() + refused.load(), "every event deleted exactly once");
     check(dispatchedDeleted.load() + expiredDeleted.load() == posted.load(),
           "every posted event dispatched and deleted, or expired and deleted");
     check(dispatchedDeleted.load() > 0 && expiredDeleted.load() > 0, "both ends taken");
