@@ -99,8 +99,8 @@ private:
 
 #define REQUIRE_STEPPABLE_CLOCK(clock)                                                             \
     if (!(clock).steppable())                                                                      \
-    GTEST_SKIP() << "libfaketime is not preloaded with FAKETIME_TIMESTAMP_FILE (CTest does so): "  \
-                    "the wall clock cannot be stepped"
+    GTEST_SKIP() << "libfaketime is not preloaded with FAKETIME_TIMESTAMP_FILE (CTest does so on "  \
+                    "native builds): the wall clock cannot be stepped"
 
 // The wall clock minus the monotonic clock, bracketed: both run at the same rate, so the
 // difference holds until the next step.
