@@ -1,0 +1,364 @@
+//===- clockstep_test.cpp - The wall clock stepped under an armed loop ----===//
+//
+// A TV sets its wall clock from the broadcast stream long after it has booted, by hours or by
+// years, forward or back. The loop measures every expiry in the monotonic clock: a relative
+// timer, a TTL or a lethal time keeps the expiry it was armed with, an absolute time is turned
+// into monotonic time once, when it is added, and the loop neither spins nor stalls across the
+// step.
+//
+// The wall clock is stepped with libfaketime, which CTest preloads (after the sanitizer
+// runtime, which must come first) and which reads its offset from FAKETIME_TIMESTAMP_FILE on
+// every call; the monotonic clock stays real (FAKETIME_DONT_FAKE_MONOTONIC). Run without the
+// preload, every test skips. Expiries are compared as values; nothing asserts how long a wait
+// took.
+//
+//===----------------------------------------------------------------------===//
+#include <gtest/gtest.h>
+
+#include <sys/time.h>
+#include <time.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <thread>
+
+#include "ltcallbackeventhandler.h"
+#include "ltevent.h"
+#include "lteventmask.h"
+#include "lteventqueue.h"
+#include "ltlinuxselectmainloop.h"
+
+namespace {
+
+constexpr long long kUsec = 1000000;
+constexpr long long kHour = 3600;
+constexpr long long kYear = 365 * 24 * kHour;
+
+long long monoUs()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec * kUsec + ts.tv_nsec / 1000;
+}
+
+long long wallUs()
+{
+    timeval tv;
+    gettimeofday(&tv, nullptr);
+    return tv.tv_sec * kUsec + tv.tv_usec;
+}
+
+long long us(const ltTime& t) { return t.sec * kUsec + t.usec; }
+ltTime fromUs(long long v) { return ltTime(static_cast<int32_t>(v / kUsec), static_cast<int32_t>(v % kUsec)); }
+
+// The faked wall clock: real time plus the offset written into libfaketime's file.
+class WallClock {
+public:
+    WallClock() : file_(std::getenv("FAKETIME_TIMESTAMP_FILE")) {}
+    ~WallClock()
+    {
+        if (file_ != nullptr)
+            set(0);
+    }
+
+    // Whether stepping works at all: libfaketime preloaded and reading the file.
+    bool steppable()
+    {
+        if (file_ == nullptr || !set(0))
+            return false;
+        const long long before = wallUs();
+        set(kYear);
+        const long long step = wallUs() - before;
+        set(0);
+        return step > (kYear - 60) * kUsec && step < (kYear + 60) * kUsec;
+    }
+
+    bool set(long long offsetSec)
+    {
+        FILE* f = std::fopen(file_, "w");
+        if (f == nullptr)
+            return false;
+        std::fprintf(f, "%+lld\n", offsetSec);
+        return std::fclose(f) == 0;
+    }
+
+    // Steps the wall clock so that it reads about the monotonic clock plus deltaSec.
+    void setNearMonotonic(long long deltaSec)
+    {
+        set(0);
+        const long long realMinusMono = wallUs() - monoUs();
+        set(deltaSec - realMinusMono / kUsec);
+    }
+
+private:
+    const char* file_;
+};
+
+#define REQUIRE_STEPPABLE_CLOCK(clock)                                                             \
+    if (!(clock).steppable())                                                                      \
+    GTEST_SKIP() << "libfaketime is not preloaded with FAKETIME_TIMESTAMP_FILE (CTest does so on "  \
+                    "native builds): the wall clock cannot be stepped"
+
+// The wall clock minus the monotonic clock, bracketed: both run at the same rate, so the
+// difference holds until the next step.
+struct WallMinusMono {
+    long long low, high;
+    WallMinusMono()
+    {
+        const long long m1 = monoUs();
+        const long long w = wallUs();
+        const long long m2 = monoUs();
+        low = w - m2;
+        high = w - m1;
+    }
+};
+
+struct TestLoop : ltLinuxSelectMainLoop {
+    using ltLinuxSelectMainLoop::beginExec;
+    using ltLinuxSelectMainLoop::runOnePass;
+    using PassState = ltLinuxSelectMainLoop::PassState;
+};
+
+constexpr int kPassBudget = 60;         // a few passes per wait; a spinning loop runs thousands
+constexpr long long kPatienceUs = 8 * kUsec;  // far beyond every expiry these tests arm
+
+// Runs passes until done() holds, while a helper thread applies steps() to the wall clock
+// after a short while (with the loop most likely blocked in select()). False when the loop
+// spun (more passes than the budget) or stalled (the monotonic patience ran out; a watchdog
+// wakes a loop blocked for good).
+bool runUntil(TestLoop& loop, TestLoop::PassState& s, const std::function<bool()>& done,
+              const std::function<void()>& steps = nullptr, int* passesOut = nullptr)
+{
+    std::atomic<bool> finished{false}, timedOut{false};
+    const long long deadline = monoUs() + kPatienceUs;
+    std::thread helper([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        if (steps)
+            steps();
+        while (!finished.load()) {
+            if (monoUs() > deadline) {
+                timedOut.store(true);
+                loop.wakeupEventLoop();
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+    });
+    int passes = 0;
+    while (!done() && !timedOut.load() && passes <= kPassBudget) {
+        loop.runOnePass(s);
+        ++passes;
+    }
+    finished.store(true);
+    helper.join();
+    if (passesOut != nullptr)
+        *passesOut = passes;
+    EXPECT_LE(passes, kPassBudget) << "the loop spins";
+    EXPECT_FALSE(timedOut.load()) << "the loop stalled";
+    return done();
+}
+
+// What a callback saw. It wakes the loop, so that the pass it runs in returns at once and
+// runUntil() sees the news even when no timer is left to end the pass's select().
+struct Fired {
+    explicit Fired(ltMainLoop& l) : loop(l) {}
+    ltMainLoop& loop;
+    int count = 0;
+    long long lastMonoUs = 0;  // the monotonic clock in the callback
+};
+
+int countFiring(int, const ltTime&, void* user)
+{
+    auto* f = static_cast<Fired*>(user);
+    ++f->count;
+    f->lastMonoUs = monoUs();
+    f->loop.wakeupEventLoop();
+    return 0;
+}
+
+TEST(WallClockStep, RelativeTimerKeepsItsMonotonicExpiry)
+{
+    WallClock clock;
+    REQUIRE_STEPPABLE_CLOCK(clock);
+    TestLoop loop;
+    TestLoop::PassState s;
+    loop.beginExec(s);
+
+    Fired fired(loop);
+    const ltTime period(0, 400000);
+    const int id = loop.doAddTimer(timerPeriodic, ltTime::noTime, period, countFiring, &fired);
+    ASSERT_NE(0, id);
+    const ltTime armed = loop.getNextWakeupTime();
+
+    // Stepped before the pass and again while the loop waits for the expiry.
+    for (long long offset : {10 * kYear, -20 * kYear, 6 * kHour}) {
+        clock.set(offset);
+        EXPECT_EQ(us(armed), us(loop.getNextWakeupTime())) << "offset " << offset;
+    }
+    ASSERT_TRUE(runUntil(loop, s, [&] { return fired.count == 1; }, [&] { clock.set(-7 * kYear); }));
+    EXPECT_GE(fired.lastMonoUs, us(armed));
+
+    // Re-armed from the monotonic time of the firing pass, whatever the wall clock says.
+    const ltTime rearmed = loop.getNextWakeupTime();
+    EXPECT_GE(us(rearmed), us(armed) + us(period));
+    EXPECT_LE(us(rearmed), fired.lastMonoUs + us(period));
+    ASSERT_TRUE(runUntil(loop, s, [&] { return fired.count == 2; }, [&] { clock.set(25 * kYear); }));
+    EXPECT_GE(fired.lastMonoUs, us(rearmed));
+
+    loop.removeTimer(id);
+    EXPECT_EQ(kLtTimeNever, loop.getNextWakeupTime().sec);
+}
+
+TEST(WallClockStep, AbsoluteTimeIsTurnedIntoMonotonicTimeOnceWhenAdded)
+{
+    WallClock clock;
+    REQUIRE_STEPPABLE_CLOCK(clock);
+    TestLoop loop;
+    TestLoop::PassState s;
+    loop.beginExec(s);
+
+    clock.set(3 * kYear);
+    Fired late(loop), soon(loop), periodic(loop), past(loop), barrier(loop);
+    const long long monoBefore = monoUs();
+    const long long wall = wallUs();
+    const int lateId = loop.doAddTimer(timerAbsolute, fromUs(wall + kHour * kUsec), ltTime::noTime, countFiring, &late);
+    ASSERT_NE(0, lateId);
+    ASSERT_NE(0, loop.doAddTimer(timerAbsolute, fromUs(wall + 300000), ltTime::noTime, countFiring, &soon));
+    const int periodicId = loop.doAddTimer(timerAbsolute | timerPeriodic, fromUs(wall + 200000),
+                                           ltTime(0, 250000), countFiring, &periodic);
+    ASSERT_NE(0, periodicId);
+    const long long monoAfter = monoUs();
+    // The earliest is the periodic timer: 200 ms after the wall clock was read, in monotonic time.
+    const long long first = us(loop.getNextWakeupTime());
+    EXPECT_GE(first, monoBefore + 200000 - 1);
+    EXPECT_LE(first, monoAfter + 200000);
+
+    // An hour forward makes the late timer's wall-clock time past; ten years back makes every
+    // time far future. Neither moves an armed expiry.
+    clock.set(3 * kYear + kHour + 60);
+    EXPECT_EQ(first, us(loop.getNextWakeupTime()));
+    ASSERT_TRUE(runUntil(loop, s, [&] { return soon.count == 1 && periodic.count >= 2; },
+                         [&] { clock.set(-10 * kYear); }));
+    EXPECT_EQ(0, late.count) << "an armed absolute timer followed the wall clock";
+    EXPECT_EQ(1, soon.count);
+
+    // Added after the step, a wall-clock time one day past is due at once and fires once.
+    ASSERT_NE(0, loop.doAddTimer(timerAbsolute, fromUs(wallUs() - 24 * kHour * kUsec), ltTime::noTime,
+                                 countFiring, &past));
+    ASSERT_TRUE(runUntil(loop, s, [&] { return past.count == 1; }));
+    loop.removeTimer(periodicId);
+    const int settled = periodic.count;
+    // Passes after another timer due at once: nothing else fires again.
+    ASSERT_NE(0, loop.doAddTimer(timerAbsolute, fromUs(wallUs()), ltTime::noTime, countFiring, &barrier));
+    ASSERT_TRUE(runUntil(loop, s, [&] { return barrier.count == 1; }));
+    EXPECT_EQ(1, past.count);
+    EXPECT_EQ(1, soon.count);
+    EXPECT_EQ(settled, periodic.count);
+    EXPECT_EQ(0, late.count);
+    // The late timer, an hour away in monotonic time, is the only one left.
+    EXPECT_GT(us(loop.getNextWakeupTime()), monoUs() + (kHour - 60) * kUsec);
+    loop.removeTimer(lateId);
+    EXPECT_EQ(kLtTimeNever, loop.getNextWakeupTime().sec);
+}
+
+struct Counts {
+    explicit Counts(ltMainLoop& l) : loop(l) {}
+    ltMainLoop& loop;  // woken by every count, as in Fired
+    int offered = 0, lethal = 0, destroyed = 0;
+    long long destroyedMonoUs = 0, lethalMonoUs = 0;
+};
+
+class CountedEvent : public ltEvent {
+public:
+    CountedEvent(unsigned key, Counts& c) : ltEvent(key, 0, 0, 0, nullptr, 0), counts_(c) {}
+    ~CountedEvent() override
+    {
+        ++counts_.destroyed;
+        counts_.destroyedMonoUs = monoUs();
+        counts_.loop.wakeupEventLoop();
+    }
+
+private:
+    Counts& counts_;
+};
+
+int keepEvent(ltEventQueue&, ltEvent* event, int reason, void* user)
+{
+    auto* c = static_cast<Counts*>(user);
+    if (reason == ltEventHandler::kReasonEvent && event != nullptr)
+        ++c->offered;
+    return 0;  // kept: it stays queued until its TTL removes it
+}
+
+int countLethal(ltEventQueue&, ltEvent*, int reason, void* user)
+{
+    auto* c = static_cast<Counts*>(user);
+    if (reason == ltEventHandler::kReasonLethalTime) {
+        ++c->lethal;
+        c->lethalMonoUs = monoUs();
+        c->loop.wakeupEventLoop();
+    }
+    return 1;
+}
+
+ltEventMask* key1Is(unsigned key) { return new ltEventMask(ltEventMask::kMaskNone, 1, 4, key, 0); }
+
+// TTL and lethal timers are armed as absolute times computed from the queue's monotonic known
+// time, so their monotonic expiry is known + ttl - (wall - mono) at the moment they are armed.
+TEST(WallClockStep, TtlAndLethalTimeKeepTheExpiryTheyWereArmedWith)
+{
+    WallClock clock;
+    REQUIRE_STEPPABLE_CLOCK(clock);
+    TestLoop loop;
+    TestLoop::PassState s;
+    loop.beginExec(s);
+    ltEventQueue queue(loop);
+    const int member = loop.registerMainLoopMember(queue);
+    ASSERT_NE(0, member);
+    Counts keep(loop), lethal(loop);
+    ASSERT_NE(0u, queue.addEventHandlerFunction(keepEvent, key1Is(1), &keep, 0,
+                                                ltEventHandler::kPersistent | ltEventHandler::kOwnsMask));
+
+    // With the wall clock of today the expiry lies decades before the monotonic now: the
+    // event expires on the next pass, before the queue could offer it.
+    clock.set(0);
+    ASSERT_EQ(0, queue.post(*new CountedEvent(1, keep), 60000));
+    EXPECT_LT(loop.getNextWakeupTime().sec, 0);
+    loop.runOnePass(s);
+    EXPECT_EQ(1, keep.destroyed);
+    EXPECT_EQ(0, keep.offered);
+
+    // With the wall clock set about a second behind the monotonic one, they lie in the future.
+    clock.setNearMonotonic(-1);
+    const WallMinusMono d;
+    const ltTime known = queue.getKnownTime();
+    const long long beforePost = monoUs();
+    ASSERT_EQ(0, queue.post(*new CountedEvent(1, keep), 500));
+    // The post reads the wall clock, then the monotonic one: the time between them adds.
+    const long long ttlLow = us(known) + 500000 - d.high;
+    const long long ttlHigh = us(known) + 500000 - d.low + (monoUs() - beforePost);
+    EXPECT_GE(us(loop.getNextWakeupTime()), ttlLow - 1);
+    EXPECT_LE(us(loop.getNextWakeupTime()), ttlHigh + 1);
+    const unsigned long long lethalId =
+        queue.addEventHandlerFunction(countLethal, key1Is(2), &lethal, 800, ltEventHandler::kOwnsMask);
+    ASSERT_NE(0u, lethalId);
+    const long long lethalLow = us(queue.getKnownTime()) + 800000 - d.high;
+    const ltTime armed = loop.getNextWakeupTime();
+
+    for (long long offset : {7 * kYear, -25 * kYear, -5 * kHour})
+        clock.set(offset);
+    EXPECT_EQ(us(armed), us(loop.getNextWakeupTime()));
+    ASSERT_TRUE(runUntil(loop, s, [&] { return keep.destroyed == 2 && lethal.lethal == 1; },
+                         [&] { clock.set(11 * kYear); }));
+    EXPECT_EQ(1, keep.offered);  // offered once, kept, expired
+    EXPECT_GE(keep.destroyedMonoUs, ttlLow);
+    EXPECT_GE(lethal.lethalMonoUs, lethalLow);
+    EXPECT_EQ(0, queue.removeEventHandlers(lethalId, 0, nullptr, true));  // dropped after its lethal time
+    EXPECT_EQ(kLtTimeNever, loop.getNextWakeupTime().sec);
+    EXPECT_EQ(1, queue.removeEventHandlers(0, 0, nullptr, true));
+    EXPECT_EQ(0, loop.unregisterMainLoopMember(member, queue));
+}
+
+}  // namespace
