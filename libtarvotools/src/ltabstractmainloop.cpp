@@ -128,9 +128,13 @@ ltAbstractMainLoop::~ltAbstractMainLoop()
 
 ltTime ltAbstractMainLoop::refreshNow()
 {
-    const ltTime now = lt_internal::monotonicNow();
+    ltTime now;
     {
+        // Read under the mutex, as a relative add does: the cached now never goes back, so
+        // it is never earlier than the 'now' a pass fires its timers against (were it, the
+        // pass would wait for timers that the cached now does not see as due).
         MutexLock lock(timerMutex_);
+        now = lt_internal::monotonicNow();
         now_ = now;
     }
     clearFlags(kNowStale);
@@ -186,7 +190,6 @@ int ltAbstractMainLoop::doAddTimer(timerFlags_t flags, const ltTime& first, cons
     const bool absolute = (flags & timerAbsolute) != 0;
     const bool periodic = (flags & timerPeriodic) != 0;
     ltTime expiry;
-    ltTime now;  // a relative timer renews the cached now with this
     if (absolute) {
         if (first.isNoTime() || (periodic && period.isNoTime()))
             return 0;
@@ -194,22 +197,22 @@ int ltAbstractMainLoop::doAddTimer(timerFlags_t flags, const ltTime& first, cons
         rel -= lt_internal::wallClockNow();
         // The cached now is not touched here.
         expiry = ltTimeAdd(lt_internal::monotonicNow(), rel);
-    } else {
-        if (!periodic || period.isNoTime())
-            return 0;  // there is no relative one-shot timer: such callers pass an absolute time
-        now = lt_internal::monotonicNow();
-        expiry = ltTimeAdd(now, period);
+    } else if (!periodic || period.isNoTime()) {
+        return 0;  // there is no relative one-shot timer: such callers pass an absolute time
     }
 
-    // A first expiry in second 0 reads as a free slot: the table refuses such an entry.
-    TimerEntry entry = {expiry, periodic || !absolute ? period : ltTime::noTime, userData, callback, 0};
     int id;
     {
         MutexLock lock(timerMutex_);
         if (!absolute) {
-            now_ = now;
+            // The clock is read under the mutex, so that the cached now never goes back (see
+            // refreshNow()).
+            now_ = lt_internal::monotonicNow();
             clearFlags(kNowStale);
+            expiry = ltTimeAdd(now_, period);
         }
+        // A first expiry in second 0 reads as a free slot: the table refuses such an entry.
+        TimerEntry entry = {expiry, periodic || !absolute ? period : ltTime::noTime, userData, callback, 0};
         id = timers_.putMember(&entry);
         if (id != 0) {
             entryAt<TimerEntry>(timers_, id)->id = id;
