@@ -278,61 +278,44 @@ char* strndup(const char* s, size_t max)
 
 }  // extern "C"
 
-void* operator new(size_t n)
+// The throwing forms of operator new fail with std::bad_alloc, the nothrow forms with null.
+template <class Fn, class... A> void* newOrThrow(Fn& cached, const char* name, A... args)
 {
     if (shouldFail())
         throwBadAlloc();
-    return forward(nextNew, "_Znw" LT_SZ, n);
+    return forward(cached, name, args...);
 }
 
-void* operator new[](size_t n)
+template <class Fn, class... A> void* newOrNull(Fn& cached, const char* name, A... args)
 {
-    if (shouldFail())
-        throwBadAlloc();
-    return forward(nextNewArray, "_Zna" LT_SZ, n);
+    return shouldFail() ? nullptr : forward(cached, name, args...);
 }
 
+void* operator new(size_t n) { return newOrThrow(nextNew, "_Znw" LT_SZ, n); }
+void* operator new[](size_t n) { return newOrThrow(nextNewArray, "_Zna" LT_SZ, n); }
 void* operator new(size_t n, const std::nothrow_t& t) noexcept
 {
-    if (shouldFail())
-        return nullptr;
-    return forward(nextNewNothrow, "_Znw" LT_SZ "RKSt9nothrow_t", n, t);
+    return newOrNull(nextNewNothrow, "_Znw" LT_SZ "RKSt9nothrow_t", n, t);
 }
-
 void* operator new[](size_t n, const std::nothrow_t& t) noexcept
 {
-    if (shouldFail())
-        return nullptr;
-    return forward(nextNewArrayNothrow, "_Zna" LT_SZ "RKSt9nothrow_t", n, t);
+    return newOrNull(nextNewArrayNothrow, "_Zna" LT_SZ "RKSt9nothrow_t", n, t);
 }
-
 void* operator new(size_t n, std::align_val_t a)
 {
-    if (shouldFail())
-        throwBadAlloc();
-    return forward(nextNewAligned, "_Znw" LT_SZ "St11align_val_t", n, a);
+    return newOrThrow(nextNewAligned, "_Znw" LT_SZ "St11align_val_t", n, a);
 }
-
 void* operator new[](size_t n, std::align_val_t a)
 {
-    if (shouldFail())
-        throwBadAlloc();
-    return forward(nextNewArrayAligned, "_Zna" LT_SZ "St11align_val_t", n, a);
+    return newOrThrow(nextNewArrayAligned, "_Zna" LT_SZ "St11align_val_t", n, a);
 }
-
 void* operator new(size_t n, std::align_val_t a, const std::nothrow_t& t) noexcept
 {
-    if (shouldFail())
-        return nullptr;
-    return forward(nextNewAlignedNothrow, "_Znw" LT_SZ "St11align_val_tRKSt9nothrow_t", n, a, t);
+    return newOrNull(nextNewAlignedNothrow, "_Znw" LT_SZ "St11align_val_tRKSt9nothrow_t", n, a, t);
 }
-
 void* operator new[](size_t n, std::align_val_t a, const std::nothrow_t& t) noexcept
 {
-    if (shouldFail())
-        return nullptr;
-    return forward(nextNewArrayAlignedNothrow, "_Zna" LT_SZ "St11align_val_tRKSt9nothrow_t", n,
-                   a, t);
+    return newOrNull(nextNewArrayAlignedNothrow, "_Zna" LT_SZ "St11align_val_tRKSt9nothrow_t", n, a, t);
 }
 
 namespace allocfail {
@@ -351,15 +334,9 @@ long disarm()
     return tCount;
 }
 
-bool injected()
-{
-    return tInjected;
-}
+bool injected() { return tInjected; }
 
-long long liveBytes()
-{
-    return gLiveBytes.load(std::memory_order_relaxed);
-}
+long long liveBytes() { return gLiveBytes.load(std::memory_order_relaxed); }
 
 bool Attempt::run(const std::function<void()>& op)
 {
@@ -417,14 +394,7 @@ long sweep(const char* name, const std::function<void(Attempt&)>& body, bool exa
     return points;
 }
 
-long operationsSwept()
-{
-    return gOperations;
-}
-
-long injectionPoints()
-{
-    return gPoints;
-}
+long operationsSwept() { return gOperations; }
+long injectionPoints() { return gPoints; }
 
 }  // namespace allocfail

@@ -22,11 +22,12 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <new>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <openssl/err.h>
@@ -76,27 +77,39 @@ struct DrivenLoop : ltAbstractMainLoop {
 
 struct Item : lfcObject {};
 
-// A scratch directory, removed with its files.
-struct TempDir {
-    TempDir()
-    {
-        char pattern[] = "/tmp/allocsweep.XXXXXX";
-        path = mkdtemp(pattern);
-    }
-    ~TempDir() { (void)std::system(("rm -rf " + path).c_str()); }
-    std::string file(const std::string& name) const { return path + "/" + name; }
-    std::string path;
-};
+using crypto_test::TempDir;
 
 std::string readAll(const std::string& path)
 {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    const crypto_test::Bytes bytes = crypto_test::readFile(path);
+    return std::string(bytes.begin(), bytes.end());
 }
 
-void writeAll(const std::string& path, const std::string& text)
+// p.reset(new T(args...)), leaving p empty when an allocation throws; returns whether it did.
+template <class T, class... A>
+bool tryMake(std::unique_ptr<T>& p, A&&... args)
 {
-    std::ofstream(path, std::ios::binary) << text;
+    try {
+        p.reset(new T(std::forward<A>(args)...));
+        return false;
+    } catch (const std::bad_alloc&) {
+        return true;
+    }
+}
+
+// Runs op under the attempt; returns whether it threw std::bad_alloc.
+template <class F>
+bool runThrowing(Attempt& run, F op)
+{
+    bool threw = false;
+    run.run([&] {
+        try {
+            op();
+        } catch (const std::bad_alloc&) {
+            threw = true;
+        }
+    });
+    return threw;
 }
 
 // ---------------------------------------------------------------- containers and memory
@@ -340,12 +353,7 @@ TEST(AllocSweep, MainLoopAdds)
 {
     sweep("ltAbstractMainLoop construction", [](Attempt& run) {
         std::unique_ptr<DrivenLoop> loop;
-        run.run([&] {
-            try {
-                loop.reset(new DrivenLoop);
-            } catch (const std::bad_alloc&) {
-            }
-        });
+        run.run([&] { (void)tryMake(loop); });
         if (loop == nullptr)
             return;
         const ltTime second(1, 0);
@@ -573,7 +581,7 @@ TEST(AllocSweep, EventRoad)
                                                           laterHandler));
             ASSERT_NE(0u, q.addEventHandler(i % 3, handlers.back()));
         }
-        // Without a lethal time: see RefusedHandlerKeepsItsLethalTimer below.
+        // Without a lethal time: see HandlerLethalTimerFollowsTheHandler below.
         auto* extra = new ltCallbackEventHandler(nullptr, &t, nullptr, ltEventHandler::kPersistent,
                                                  firstHandler);
         unsigned long long id = 0;
@@ -601,49 +609,35 @@ TEST(AllocSweep, EventRoad)
     });
 }
 
-// A handler refused for want of memory (its insertion into the full handler vector fails)
-// must leave no lethal timer armed: the caller deletes the refused handler, and the next
-// pass must not reach it from the timer callback.
-TEST(AllocSweep, RefusedHandlerKeepsItsLethalTimer)
+// A handler with a lethal time, whichever allocation of addEventHandler fails, added to an
+// empty queue or as the 501st handler (the full handler vector must grow): a refused one (the
+// caller deletes it) must leave no lethal timer armed, and an accepted one must have its timer
+// recorded, so that removing and deleting it before its lethal time disarms the timer. Either
+// way the next pass must not reach the deleted handler from the timer callback.
+TEST(AllocSweep, HandlerLethalTimerFollowsTheHandler)
 {
-    Tally t;
-    DrivenLoop loop;
-    ltEventQueue q(loop);
-    for (int i = 0; i < 499; ++i)
-        ASSERT_NE(0u, q.addEventHandler(0, new ltCallbackEventHandler(nullptr, &t, nullptr,
-                                                                    ltEventHandler::kPersistent,
-                                                                    laterHandler)));
-    auto* h = new ltCallbackEventHandler(nullptr, &t, nullptr, 0, laterHandler);
-    h->setLethalTime(ltTime(0, 0));
-    allocfail::arm(1, allocfail::Mode::FromNthOn);
-    const unsigned long long id = q.addEventHandler(1, h);
-    allocfail::disarm();
-    EXPECT_EQ(0u, id);
-    delete h;
-    loop.pass();  // must not call the deleted handler
-    (void)q.removeEventHandlers(0, 0, nullptr, true);
-}
-
-// Whichever allocation of addEventHandler fails, a handler that was accepted has its lethal
-// timer recorded: removing and deleting it before its lethal time disarms the timer, so the
-// next pass does not call the deleted handler.
-TEST(AllocSweep, AcceptedHandlerLosesItsLethalTimer)
-{
-    for (long n = 1; n <= 10; ++n) {
-        Tally t;
-        DrivenLoop loop;
-        ltEventQueue q(loop);
-        auto* h = new ltCallbackEventHandler(nullptr, &t, nullptr, 0, laterHandler);
-        h->setLethalTime(ltTime(0, 0));
-        allocfail::arm(n, allocfail::Mode::Once);
-        const unsigned long long id = q.addEventHandler(1, h);
-        allocfail::disarm();
-        if (id == 0) {
-            delete h;
-            continue;
+    for (int filled : {0, 500}) {
+        for (long n = 1; n <= 10; ++n) {
+            Tally t;
+            DrivenLoop loop;
+            ltEventQueue q(loop);
+            for (int i = 0; i < filled; ++i)
+                ASSERT_NE(0u, q.addEventHandler(0, new ltCallbackEventHandler(nullptr, &t, nullptr,
+                                                                            ltEventHandler::kPersistent,
+                                                                            laterHandler)));
+            auto* h = new ltCallbackEventHandler(nullptr, &t, nullptr, 0, laterHandler);
+            h->setLethalTime(ltTime(0, 0));
+            allocfail::arm(n, allocfail::Mode::Once);
+            const unsigned long long id = q.addEventHandler(1, h);
+            allocfail::disarm();
+            if (id != 0) {
+                EXPECT_EQ(1, q.removeEventHandlers(0, 0, h, true));
+            } else {
+                delete h;
+            }
+            loop.pass();  // must not call the deleted handler
+            (void)q.removeEventHandlers(0, 0, nullptr, true);
         }
-        EXPECT_EQ(1, q.removeEventHandlers(0, 0, h, true));
-        loop.pass();  // must not call the deleted handler
     }
 }
 
@@ -734,17 +728,12 @@ TEST(AllocSweep, Configuration)
 {
     TempDir dir;
     const std::string path = dir.file("a.info");
-    writeAll(path, "tuner\n{\n  count 2\n  name \"front end\"\n}\nlist { a 1 b 2 c 3 }\n");
+    crypto_test::writeFile(path, "tuner\n{\n  count 2\n  name \"front end\"\n}\nlist { a 1 b 2 c 3 }\n");
     { ltConfiguration warm(path); }
 
     sweep("ltConfiguration read", [&](Attempt& run) {
         std::unique_ptr<ltConfiguration> c;
-        run.run([&] {
-            try {
-                c.reset(new ltConfiguration(path));
-            } catch (const std::bad_alloc&) {
-            }
-        });
+        run.run([&] { (void)tryMake(c, path); });
         if (c == nullptr)
             return;
         if (c->initError()) {
@@ -762,18 +751,12 @@ TEST(AllocSweep, Configuration)
         ASSERT_FALSE(c.initError());
         std::string got;
         int n = 0;
-        bool threw = false;
-        run.run([&] {
-            try {
+        if (!runThrowing(run, [&] {
                 got = c.getString("tuner/name", "none");
                 n = c.getInteger("list/b", -1);
                 c.putString("new/deep/key", "v");
                 c.putInteger("tuner/count", 5);
-            } catch (const std::bad_alloc&) {
-                threw = true;
-            }
-        });
-        if (!threw) {
+            })) {
             EXPECT_EQ("front end", got);
             EXPECT_EQ(2, n);
         }
@@ -798,12 +781,7 @@ TEST(AllocSweep, Uri)
 
     sweep("LtUri parse", [&](Attempt& run) {
         std::unique_ptr<LtUri> u;
-        run.run([&] {
-            try {
-                u.reset(new LtUri(text));
-            } catch (const std::bad_alloc&) {
-            }
-        });
+        run.run([&] { (void)tryMake(u, text); });
         if (u == nullptr)
             return;
         EXPECT_EQ("dvbt", u->getScheme());
@@ -817,23 +795,15 @@ TEST(AllocSweep, Uri)
         std::string composed;
         int r1 = 1, r2 = 1, r3 = 1;
         std::string got;
-        bool threw = false;
-        run.run([&] {
-            try {
-                r1 = u.addQuery("plpid", 7u);
-                r2 = u.addQuery("band", "high");
-                r3 = u.removeQuery("tsid");
-                (void)u.getValue("band", got);
-                composed = u.getUri();
-            } catch (const std::bad_alloc&) {
-                threw = true;
-            }
+        const bool threw = runThrowing(run, [&] {
+            r1 = u.addQuery("plpid", 7u);
+            r2 = u.addQuery("band", "high");
+            r3 = u.removeQuery("tsid");
+            (void)u.getValue("band", got);
+            composed = u.getUri();
         });
         if (!threw) {
-            EXPECT_EQ(0, r1);
-            EXPECT_EQ(0, r2);
-            EXPECT_EQ(0, r3);
-            EXPECT_EQ("high", got);
+            EXPECT_EQ(std::make_tuple(0, 0, 0, std::string("high")), std::make_tuple(r1, r2, r3, got));
         }
         // Keys and values agree whatever failed, and the object composes and parses again.
         for (const std::string& key : u.getQueryKeys()) {
@@ -888,13 +858,9 @@ TEST(AllocSweep, Base64)
         delete[] back;
         ERR_clear_error();  // what a failure left queued holds memory
     });
-}
 
-TEST(AllocSweep, Base64VectorDecoder)
-{
     const std::string text = "YmluYXJ5IGRhdGEgd2l0aCBzb21lIGxlbmd0aCB0byBpdA==";
     const std::string expected = "binary data with some length to it";
-    ltBase64 codec;
     sweep("ltBase64 vector decoder", [&](Attempt& run) {
         std::vector<unsigned char> out{1, 2, 3};
         bool threw = false;
@@ -919,13 +885,7 @@ TEST(AllocSweep, Md5AndImageHash)
     const std::string expected = LTmd5(text).toString();
     sweep("LTmd5", [&](Attempt& run) {
         std::string hex;
-        run.run([&] {
-            try {
-                LTmd5 m(text);
-                hex = m.toString();
-            } catch (const std::bad_alloc&) {
-            }
-        });
+        (void)runThrowing(run, [&] { hex = LTmd5(text).toString(); });
         if (!hex.empty()) {
             EXPECT_EQ(expected, hex);
         }
@@ -962,20 +922,34 @@ TEST(AllocSweep, Md5AndImageHash)
     });
 }
 
+// The file-layer overloads too: their encryption hands OpenSSL no context (kept), their
+// decryption makes one.
 TEST(AllocSweep, FileEncryption)
 {
+    constexpr int kVolume = 0;  // the stand-in file layer's one volume
     TempDir dir;
     const std::string plain = dir.file("plain"), sealed = dir.file("sealed"), back = dir.file("back");
     std::string content;
     for (int i = 0; i < 3000; ++i)
         content += static_cast<char>('a' + i % 26);
-    writeAll(plain, content);
+    crypto_test::writeFile(plain, content);
     {
         ltcrypt warm;
         ASSERT_EQ(0, warm.encryptFile("pw", plain, sealed));
         ASSERT_EQ(0, warm.decryptFile("pw", sealed, back));
         ASSERT_EQ(content, readAll(back));
+        (void)warm.decryptFile("pw", kVolume, sealed, kVolume, back);
+        (void)warm.encryptFile("pw", kVolume, plain, kVolume, back);
+        ERR_clear_error();
     }
+    // The object is still usable after any failure.
+    auto expectUsable = [&](ltcrypt& c) {
+        (void)unlink(back.c_str());
+        EXPECT_EQ(0, c.encryptFile("pw", plain, sealed));
+        EXPECT_EQ(0, c.decryptFile("pw", sealed, back));
+        EXPECT_EQ(content, readAll(back));
+        ERR_clear_error();
+    };
     sweep("ltcrypt encryptFile and decryptFile", [&](Attempt& run) {
         (void)unlink(sealed.c_str());
         (void)unlink(back.c_str());
@@ -993,33 +967,10 @@ TEST(AllocSweep, FileEncryption)
             EXPECT_EQ(content, readAll(back));
         }
         if (!run.failed()) {
-            EXPECT_EQ(0, rEnc);
-            EXPECT_EQ(0, rDec);
+            EXPECT_EQ(std::make_pair(0, 0), std::make_pair(rEnc, rDec));
         }
-        // The object is still usable.
-        (void)unlink(back.c_str());
-        EXPECT_EQ(0, c.encryptFile("pw", plain, sealed));
-        EXPECT_EQ(0, c.decryptFile("pw", sealed, back));
-        EXPECT_EQ(content, readAll(back));
-        ERR_clear_error();
+        expectUsable(c);
     });
-}
-
-// The file-layer overloads: encryption hands OpenSSL no context (kept), decryption makes one.
-TEST(AllocSweep, FileLayerEncryption)
-{
-    constexpr int kVolume = 0;  // the stand-in file layer's one volume
-    TempDir dir;
-    const std::string plain = dir.file("plain"), sealed = dir.file("sealed"), back = dir.file("back");
-    const std::string content(5000, 'q');
-    writeAll(plain, content);
-    {
-        ltcrypt warm;
-        ASSERT_EQ(0, warm.encryptFile("pw", plain, sealed));
-        (void)warm.decryptFile("pw", kVolume, sealed, kVolume, back);
-        (void)warm.encryptFile("pw", kVolume, plain, kVolume, back);
-        ERR_clear_error();
-    }
     sweep("ltcrypt file-layer encryptFile and decryptFile", [&](Attempt& run) {
         (void)unlink(back.c_str());
         ltcrypt c;
@@ -1035,10 +986,7 @@ TEST(AllocSweep, FileLayerEncryption)
             EXPECT_EQ(0, rDec);
             EXPECT_EQ(content, readAll(back));
         }
-        (void)unlink(back.c_str());
-        EXPECT_EQ(0, c.decryptFile("pw", kVolume, sealed, kVolume, back));
-        EXPECT_EQ(content, readAll(back));
-        ERR_clear_error();
+        expectUsable(c);
     });
 }
 

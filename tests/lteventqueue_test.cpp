@@ -246,28 +246,6 @@ TEST(EventRoad, PostsFromSeveralThreadsRunOnTheLoopThreadByPriority)
     }
 }
 
-TEST(EventRoad, NonPersistentHandlerLeavesAfterOneInvocation)
-{
-    Road& road = newRoad();
-    Recorder& rec = *road.rec;
-    road.queue->addEventHandler(10, new Probe(rec, "once", nullptr, 0, goOn));
-    road.queue->addEventHandler(5, new Probe(rec, "next", nullptr, ltEventHandler::kPersistent, goOn));
-    road.run();
-
-    road.post(1, 1);
-    ASSERT_TRUE(road.waitDeleted(1));
-    road.post(1, 2);
-    ASSERT_TRUE(road.waitDeleted(2));
-    std::lock_guard<std::mutex> lock(rec.m);
-    // "next" moved into the index of "once" and was skipped for the first event: kept.
-    ASSERT_EQ(2u, rec.calls.size());
-    EXPECT_EQ("once", rec.calls[0].handler);
-    EXPECT_EQ("next", rec.calls[1].handler);
-    EXPECT_EQ(2u, rec.calls[1].key2);
-    EXPECT_EQ(1, rec.handlersDeleted["once"]);
-    EXPECT_EQ(1, rec.eventsDeleted[1]);
-}
-
 TEST(EventRoad, KeptEventIsNotOfferedAgainWhileTheQueueNeverEmpties)
 {
     Road& road = newRoad();
