@@ -61,6 +61,9 @@ void* pick(FuzzedDataProvider& in)
     return &pool[in.ConsumeIntegralInRange<int>(0, kPoolSize - 1)];
 }
 
+// An array whose count is 0 (null removals count down too) gives nothing back.
+bool emptyArray(const Model& m) { return m.form == Form::kArray && m.count == 0; }
+
 void add(ltPointerList& list, Model& m, void* p)
 {
     const int r = list.addPointer(p);
@@ -79,7 +82,8 @@ void add(ltPointerList& list, Model& m, void* p)
         }
         break;
     case Form::kArray:
-        if (m.count == m.capacity) {
+        // Full by its count, or by its slots when null removals counted it down.
+        if (m.count == m.capacity || static_cast<int>(m.held.size()) == m.capacity) {
             if (2 * m.capacity > kMaxCapacity) {
                 FUZZ_CHECK(r == -12);
                 return;
@@ -96,7 +100,7 @@ void add(ltPointerList& list, Model& m, void* p)
 void removeAt(ltPointerList& list, Model& m, int i)
 {
     void* at = list.getPointer(i);
-    bool removable = at != nullptr;
+    bool removable = at != nullptr && !emptyArray(m);
     if (m.form == Form::kTriple && i != 0)
         removable = false;  // only index 0 comes out of a triple by index
     FUZZ_CHECK(list.removePointer(i) == (removable ? 0 : -1));
@@ -108,12 +112,23 @@ void removeAt(ltPointerList& list, Model& m, int i)
 
 void removeOne(ltPointerList& list, Model& m, void* p)
 {
-    const auto hit = m.held.find(p);
+    const auto hit = emptyArray(m) ? m.held.end() : m.held.find(p);
     FUZZ_CHECK(list.removePointer(p) == (hit != m.held.end() ? 0 : -1));
     if (hit == m.held.end())
         return;
     m.held.erase(hit);
     m.count -= 1;
+}
+
+// Null is looked for like any other pointer: it "removes" a free slot, and an array counts
+// one pointer less for it.
+void removeNull(ltPointerList& list, Model& m)
+{
+    const bool freeSlot = static_cast<int>(m.held.size()) < m.capacity;
+    const bool removable = freeSlot && !emptyArray(m);
+    FUZZ_CHECK(list.removePointer(static_cast<void*>(nullptr)) == (removable ? 0 : -1));
+    if (removable && m.form == Form::kArray)
+        m.count -= 1;
 }
 
 void tidy(ltPointerList& list, Model& m, bool shrink)
@@ -186,10 +201,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             add(list, m, pick(in));
             break;
         case 3: {
-            // Null and misaligned pointers are refused and change nothing.
+            // Null and misaligned pointers are refused and change nothing; removing null
+            // follows the search.
             void* bad = in.ConsumeBool() ? nullptr : reinterpret_cast<char*>(pick(in)) + in.ConsumeIntegralInRange<int>(1, 3);
             FUZZ_CHECK(list.addPointer(bad) == -1);
-            FUZZ_CHECK(list.removePointer(bad) == -1);
+            if (bad == nullptr)
+                removeNull(list, m);
+            else
+                FUZZ_CHECK(list.removePointer(bad) == -1);
             break;
         }
         case 4:
@@ -200,7 +219,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             break;
         case 6: {
             void* p = pick(in);
-            FUZZ_CHECK(list.hasPointer(p) == (m.held.count(p) != 0));
+            FUZZ_CHECK(list.hasPointer(p) == (!emptyArray(m) && m.held.count(p) != 0));
             break;
         }
         case 7:

@@ -180,6 +180,13 @@ TEST(PointerListRemoval, NullIsLookedForLikeAnyPointerOnEveryForm)
     ASSERT_EQ(0, array.addPointer(obj(3)));  // fills the free slot: count 3 of 4 slots taken
     EXPECT_EQ(-1, array.removePointer(nullptr));  // no free slot
     EXPECT_EQ(3, array.getNEntries());
+    // The count says there is room but every slot is taken: the add grows the array as a
+    // full one does, instead of writing past its block.
+    ASSERT_EQ(0, array.addPointer(obj(4)));
+    EXPECT_EQ(8, array.getCurrentMaxEntries());
+    EXPECT_EQ(4, array.getNEntries());  // still one less than it holds
+    for (int i = 0; i < 5; ++i)
+        EXPECT_EQ(obj(i), array.getPointer(i));
 }
 
 TEST(PointerListTidy, CompactsTheTripleAndAFullFrontLosslessly)

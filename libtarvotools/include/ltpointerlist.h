@@ -84,6 +84,8 @@ public:
     /// any other pointer: on a triple or an array with a free slot it "removes" that slot and
     /// returns 0 (the array's count drops by one although no pointer left), on an empty list
     /// it returns 0, and on a full triple or array or an occupied single form it returns -1.
+    /// An array whose count has so fallen below its pointers grows, on an add that finds
+    /// every slot taken, as a full array does (rather than writing past its block).
     int removePointer(void* p);
 
     /// Removes the pointer in slot i. Returns 0, or -1 when the slot is free or out of range.

@@ -105,15 +105,18 @@ int addToArray(uintptr_t& word, void* p)
     assert(header->count <= header->capacity && "pointer list count exceeds its capacity");
     const int capacity = header->capacity;
 
-    // Room left: p takes the first free slot. count < capacity guarantees one, since count
-    // never falls below the number of stored pointers.
+    // Room left: p takes the first free slot.
     if (header->count < capacity) {
         void** slots = arraySlots(word);
         const int hole = firstFreeSlot(slots, capacity);
-        assert(hole < capacity && "pointer list count below its entries");
-        slots[hole] = p;
-        header->count += 1;
-        return kOk;
+        if (hole < capacity) {
+            slots[hole] = p;
+            header->count += 1;
+            return kOk;
+        }
+        // Every slot taken although the count says otherwise (removePointer(nullptr) counts
+        // down for a free slot): the first free slot would lie past the block, so the array
+        // grows as a full one does.
     }
 
     // A full array doubles in place; p takes the first of the new slots.
