@@ -42,6 +42,7 @@
 #include "lteventmask.h"
 #include "lteventqueue.h"
 #include "ltlinuxselectmainloop.h"
+#include "runningloop.h"
 
 // Freed memory waits in AddressSanitizer's quarantine before it is reused; a small quarantine
 // fills during the warm-up, so the resident memory after it says something about leaks.
@@ -62,33 +63,7 @@ std::atomic<long long> handlersAlive{0}, handlersAdded{0}, lethalCalls{0}, deliv
 std::atomic<long long> oneShotsAdded{0}, oneShotsFired{0}, periodicFired{0}, timersRefused{0};
 std::atomic<long long> bytesWritten{0}, bytesRead{0};
 
-class Loop : public ltLinuxSelectMainLoop {
-public:
-    void start()
-    {
-        thread_ = std::thread([this] {
-            onLoopThread_ = true;
-            PassState s;
-            beginExec(s);
-            while (!stopping_.load())
-                runOnePass(s);
-        });
-    }
-    void stop()
-    {
-        stopping_.store(true);
-        wakeupEventLoop();
-        thread_.join();
-    }
-    static bool onLoopThread() { return onLoopThread_; }
-
-private:
-    static thread_local bool onLoopThread_;
-    std::atomic<bool> stopping_{false};
-    std::thread thread_;
-};
-
-thread_local bool Loop::onLoopThread_ = false;
+using Loop = RunningLoop;
 Loop* theLoop = nullptr;
 
 void checkLoopThread() { wrongThread.fetch_add(theLoop->onLoopThread() ? 0 : 1); }

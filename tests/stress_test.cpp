@@ -25,6 +25,7 @@
 #include "lteventmask.h"
 #include "lteventqueue.h"
 #include "ltlinuxselectmainloop.h"
+#include "runningloop.h"
 
 namespace {
 
@@ -43,31 +44,6 @@ constexpr int kScale = 1;
 #endif
 
 constexpr auto kPatience = std::chrono::seconds(20);  // far beyond any healthy wait
-
-// A loop whose passes run on a thread of its own from construction until stop().
-class RunningLoop : public ltLinuxSelectMainLoop {
-public:
-    void start()
-    {
-        thread_ = std::thread([this] {
-            PassState s;
-            beginExec(s);
-            while (!stopping_.load())
-                runOnePass(s);
-        });
-    }
-    void stop()
-    {
-        stopping_.store(true);
-        wakeupEventLoop();  // out of select()
-        thread_.join();
-    }
-    bool onLoopThread() const { return std::this_thread::get_id() == thread_.get_id(); }
-
-private:
-    std::atomic<bool> stopping_{false};
-    std::thread thread_;
-};
 
 // Polls until done() holds; false when kPatience runs out first.
 template <typename Done>

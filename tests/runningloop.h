@@ -1,0 +1,39 @@
+//===- runningloop.h - A select loop running on a thread of its own (tests) ===//
+//
+// exec() never returns, so the stress and soak programs drive the loop's passes themselves on
+// a thread of their own, from start() until stop().
+//
+//===----------------------------------------------------------------------===//
+#ifndef RUNNINGLOOP_H
+#define RUNNINGLOOP_H
+
+#include <atomic>
+#include <thread>
+
+#include "ltlinuxselectmainloop.h"
+
+class RunningLoop : public ltLinuxSelectMainLoop {
+public:
+    void start()
+    {
+        thread_ = std::thread([this] {
+            PassState s;
+            beginExec(s);
+            while (!stopping_.load())
+                runOnePass(s);
+        });
+    }
+    void stop()
+    {
+        stopping_.store(true);
+        wakeupEventLoop();  // out of select()
+        thread_.join();
+    }
+    bool onLoopThread() const { return std::this_thread::get_id() == thread_.get_id(); }
+
+private:
+    std::atomic<bool> stopping_{false};
+    std::thread thread_;
+};
+
+#endif  // RUNNINGLOOP_H
