@@ -7,28 +7,14 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 #include <string>
 
 namespace {
-
-using MallocFn = void* (*)(size_t);
-using CallocFn = void* (*)(size_t, size_t);
-using ReallocFn = void* (*)(void*, size_t);
-using FreeFn = void (*)(void*);
-using SizeFn = size_t (*)(void*);
-using NewFn = void* (*)(size_t);
-using NewNothrowFn = void* (*)(size_t, const std::nothrow_t&);
-using NewAlignedFn = void* (*)(size_t, std::align_val_t);
-using NewAlignedNothrowFn = void* (*)(size_t, std::align_val_t, const std::nothrow_t&);
-
-MallocFn nextMalloc;
-CallocFn nextCalloc;
-ReallocFn nextRealloc;
-FreeFn nextFree;
-SizeFn nextUsableSize;
 
 // Until this executable's own constructors run, the allocator behind us may not be ready
 // (ASan initialises in its own constructor, and dlsym allocates while it does): requests are
@@ -38,16 +24,14 @@ size_t bootUsed;
 bool ready;
 
 // Thread-local, trivially initialised: static TLS of the executable, reached without
-// allocating. depth > 0 means "inside an allocation already counted".
-__thread long tFailAt;   // 0: disarmed
-__thread long tCount;    // allocations since arm()
-__thread int tMode;      // allocfail::Mode
+// allocating. tDepth > 0 means "inside an allocation already counted".
+__thread long tFailAt;  // 0: disarmed
+__thread long tCount;   // allocations since arming
+__thread bool tFromNthOn;
 __thread int tDepth;
 __thread bool tInjected;
 
 std::atomic<long long> gLiveBytes{0};
-long gOperations;
-long gPoints;
 
 void* bootAlloc(size_t n)
 {
@@ -70,47 +54,6 @@ bool isBoot(const void* p)
     return p >= bootBuffer && p < bootBuffer + sizeof bootBuffer;
 }
 
-void resolve()
-{
-    nextMalloc = reinterpret_cast<MallocFn>(dlsym(RTLD_NEXT, "malloc"));
-    nextCalloc = reinterpret_cast<CallocFn>(dlsym(RTLD_NEXT, "calloc"));
-    nextRealloc = reinterpret_cast<ReallocFn>(dlsym(RTLD_NEXT, "realloc"));
-    nextUsableSize = reinterpret_cast<SizeFn>(dlsym(RTLD_NEXT, "malloc_usable_size"));
-    nextFree = reinterpret_cast<FreeFn>(dlsym(RTLD_NEXT, "free"));
-    if (nextMalloc == nullptr || nextCalloc == nullptr || nextRealloc == nullptr ||
-        nextFree == nullptr || nextUsableSize == nullptr)
-        abort();
-    ready = true;
-}
-
-// Runs after the constructors of every shared object, the allocator's included.
-__attribute__((constructor)) void becomeReady()
-{
-    resolve();
-}
-
-// Counts one allocation request of the arming thread; true when it is to fail.
-bool shouldFail()
-{
-    if (tFailAt <= 0 || tDepth > 0)
-        return false;
-    const long c = ++tCount;
-    const bool fail = tMode == static_cast<int>(allocfail::Mode::Once) ? c == tFailAt : c >= tFailAt;
-    if (fail) {
-        tInjected = true;
-        errno = ENOMEM;  // as a failing malloc does; glibc's thread start asserts it
-    }
-    return fail;
-}
-
-void account(void* p, bool add)
-{
-    if (p == nullptr || isBoot(p))
-        return;
-    const long long n = static_cast<long long>(nextUsableSize(p));
-    gLiveBytes.fetch_add(add ? n : -n, std::memory_order_relaxed);
-}
-
 struct Nested {
     Nested() { ++tDepth; }
     ~Nested() { --tDepth; }
@@ -118,46 +61,71 @@ struct Nested {
     Nested& operator=(const Nested&) = delete;
 };
 
-template <class Fn> Fn nextOf(Fn& cached, const char* name)
+// Counts one allocation request of the arming thread; true when it is to fail.
+bool shouldFail()
 {
-    if (cached == nullptr) {
-        Nested n;
-        cached = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
-        if (cached == nullptr)
-            abort();
-    }
-    return cached;
+    if (tFailAt <= 0 || tDepth > 0)
+        return false;
+    const long c = ++tCount;
+    if (tFromNthOn ? c < tFailAt : c != tFailAt)
+        return false;
+    tInjected = true;
+    errno = ENOMEM;  // as a failing malloc does; glibc's thread start asserts it
+    return true;
 }
 
-[[noreturn]] void throwBadAlloc()
+// The next definition of a function (glibc's, libstdc++'s or the sanitizer's), looked up once.
+template <class Fn> void lookUp(Fn& next, const char* name)
 {
-    Nested n;  // the exception object is allocated before unwinding leaves this frame
-    throw std::bad_alloc();
+    if (next == nullptr && (next = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name))) == nullptr)
+        abort();
 }
 
-// The mangled names of the next operator new forms; size_t is 'j' on 32-bit targets.
-#if __SIZEOF_SIZE_T__ == 8
-#define LT_SZ "m"
-#else
-#define LT_SZ "j"
-#endif
-
-NewFn nextNew, nextNewArray;
-NewNothrowFn nextNewNothrow, nextNewArrayNothrow;
-NewAlignedFn nextNewAligned, nextNewArrayAligned;
-NewAlignedNothrowFn nextNewAlignedNothrow, nextNewArrayAlignedNothrow;
-
-template <class Fn, class... A> void* forward(Fn& cached, const char* name, A... args)
+// Calls the next definition, as an allocation already counted.
+template <class R, class... P, class... A> R forward(R (*&next)(P...), const char* name, A... args)
 {
-    Fn fn = nextOf(cached, name);
-    Nested n;
-    return fn(args...);
+    Nested nested;
+    lookUp(next, name);
+    return next(args...);
 }
 
-using AlignedAllocFn = void* (*)(size_t, size_t);
-using PosixMemalignFn = int (*)(void**, size_t, size_t);
-AlignedAllocFn nextAlignedAlloc, nextMemalign;
-PosixMemalignFn nextPosixMemalign;
+size_t (*nextUsableSize)(void*);
+void* (*nextMalloc)(size_t);
+void* (*nextCalloc)(size_t, size_t);
+void* (*nextRealloc)(void*, size_t);
+void (*nextFree)(void*);
+void* (*nextAlignedAlloc)(size_t, size_t);
+void* (*nextMemalign)(size_t, size_t);
+int (*nextPosixMemalign)(void**, size_t, size_t);
+
+long long usableSize(void* p)
+{
+    return static_cast<long long>(forward(nextUsableSize, "malloc_usable_size", p));
+}
+
+void* added(void* p)
+{
+    if (p != nullptr && !isBoot(p))
+        gLiveBytes.fetch_add(usableSize(p), std::memory_order_relaxed);
+    return p;
+}
+
+// Runs after the constructors of every shared object, the allocator's included. What dlsym
+// allocates meanwhile comes from the buffer; later lookups are served by these.
+__attribute__((constructor)) void becomeReady()
+{
+    lookUp(nextUsableSize, "malloc_usable_size");
+    lookUp(nextMalloc, "malloc");
+    lookUp(nextCalloc, "calloc");
+    lookUp(nextRealloc, "realloc");
+    lookUp(nextFree, "free");
+    ready = true;
+}
+
+template <class Fn, class... A> void* allocate(Fn& next, const char* name, A... args)
+{
+    return shouldFail() ? nullptr : added(forward(next, name, args...));
+}
 
 }  // namespace
 
@@ -165,106 +133,63 @@ extern "C" {
 
 void* malloc(size_t n)
 {
-    if (!ready)
-        return bootAlloc(n);
-    if (shouldFail())
-        return nullptr;
-    Nested nested;
-    void* p = nextMalloc(n);
-    account(p, true);
-    return p;
+    return ready ? allocate(nextMalloc, "malloc", n) : bootAlloc(n);
 }
 
 void* calloc(size_t n, size_t m)
 {
-    if (!ready)
-        return bootAlloc(n * m);  // the buffer is zero and never reused
-    if (shouldFail())
-        return nullptr;
-    Nested nested;
-    void* p = nextCalloc(n, m);
-    account(p, true);
-    return p;
+    return ready ? allocate(nextCalloc, "calloc", n, m) : bootAlloc(n * m);  // zero, never reused
 }
 
 void* realloc(void* old, size_t n)
 {
-    if (!ready || (old != nullptr && isBoot(old))) {
+    if (!ready || isBoot(old)) {
         // Early, or a block from the early days: copied, the old one never given back.
         void* p = ready ? malloc(n) : bootAlloc(n);
         if (p != nullptr && old != nullptr)
             std::memcpy(p, old, std::min(n, bootSize(old)));
         return p;
     }
-    if (old != nullptr && n == 0) {
-        account(old, false);
-        Nested nested;
-        return nextRealloc(old, 0);
-    }
-    if (shouldFail())
+    if ((old == nullptr || n != 0) && shouldFail())
         return nullptr;  // the old block stays as it was
-    Nested nested;
-    const long long before = old != nullptr ? static_cast<long long>(nextUsableSize(old)) : 0;
-    void* p = nextRealloc(old, n);
-    if (p != nullptr) {
+    const long long before = old != nullptr ? usableSize(old) : 0;
+    void* p = forward(nextRealloc, "realloc", old, n);
+    if (p != nullptr || n == 0)  // realloc(old, 0) frees old
         gLiveBytes.fetch_sub(before, std::memory_order_relaxed);
-        account(p, true);
-    }
-    return p;
+    return added(p);
 }
 
 void free(void* p)
 {
     if (p == nullptr || isBoot(p))
         return;
-    account(p, false);
-    Nested nested;
-    nextFree(p);
+    gLiveBytes.fetch_sub(usableSize(p), std::memory_order_relaxed);
+    forward(nextFree, "free", p);
 }
 
-// Aligned blocks (operator new of an over-aligned type comes here): counted and failed like
-// malloc's, so that their release through free() is matched.
+// Over-aligned operator new comes here: counted and failed like malloc, released by free().
 void* aligned_alloc(size_t align, size_t n)
 {
-    if (shouldFail())
-        return nullptr;
-    void* p = forward(nextAlignedAlloc, "aligned_alloc", align, n);
-    account(p, true);
-    return p;
+    return allocate(nextAlignedAlloc, "aligned_alloc", align, n);
 }
 
 void* memalign(size_t align, size_t n)
 {
-    if (shouldFail())
-        return nullptr;
-    void* p = forward(nextMemalign, "memalign", align, n);
-    account(p, true);
-    return p;
+    return allocate(nextMemalign, "memalign", align, n);
 }
 
 int posix_memalign(void** out, size_t align, size_t n)
 {
     if (shouldFail())
         return ENOMEM;
-    PosixMemalignFn fn = nextOf(nextPosixMemalign, "posix_memalign");
-    Nested nested;
-    const int r = fn(out, align, n);
+    const int r = forward(nextPosixMemalign, "posix_memalign", out, align, n);
     if (r == 0)
-        account(*out, true);
+        added(*out);
     return r;
 }
 
 // ASan answers these itself, without passing through malloc: here they do, so they are
-// counted and can fail in both builds.
-char* strdup(const char* s)
-{
-    const size_t n = std::strlen(s) + 1;
-    auto* p = static_cast<char*>(malloc(n));
-    if (p != nullptr)
-        std::memcpy(p, s, n);
-    return p;
-}
-
+// counted and can fail in every build.
 char* strndup(const char* s, size_t max)
 {
     const size_t n = strnlen(s, max);
@@ -276,81 +201,105 @@ char* strndup(const char* s, size_t max)
     return p;
 }
 
+char* strdup(const char* s) { return strndup(s, SIZE_MAX); }
+
 }  // extern "C"
 
-// The throwing forms of operator new fail with std::bad_alloc, the nothrow forms with null.
-template <class Fn, class... A> void* newOrThrow(Fn& cached, const char* name, A... args)
+// operator new in all its forms forwards to the next one of the same form: libstdc++'s, which
+// calls malloc (so its blocks are accounted there), or ASan's, which does not. The throwing
+// forms fail with std::bad_alloc, the nothrow forms with null.
+namespace {
+
+using NewFn = void* (*)(size_t);
+using NewNothrowFn = void* (*)(size_t, const std::nothrow_t&);
+using NewAlignedFn = void* (*)(size_t, std::align_val_t);
+using NewAlignedNothrowFn = void* (*)(size_t, std::align_val_t, const std::nothrow_t&);
+NewFn nextNew, nextNewArray;
+NewNothrowFn nextNewNothrow, nextNewArrayNothrow;
+NewAlignedFn nextNewAligned, nextNewArrayAligned;
+NewAlignedNothrowFn nextNewAlignedNothrow, nextNewArrayAlignedNothrow;
+
+template <bool Throws, class Fn, class... A> void* newForm(Fn& next, const char* name, A... args)
 {
-    if (shouldFail())
-        throwBadAlloc();
-    return forward(cached, name, args...);
+    if (!shouldFail())
+        return forward(next, name, args...);
+    if (Throws) {
+        Nested nested;  // the exception object is allocated before unwinding leaves this frame
+        throw std::bad_alloc();
+    }
+    return nullptr;
 }
 
-template <class Fn, class... A> void* newOrNull(Fn& cached, const char* name, A... args)
-{
-    return shouldFail() ? nullptr : forward(cached, name, args...);
-}
+}  // namespace
 
-void* operator new(size_t n) { return newOrThrow(nextNew, "_Znw" LT_SZ, n); }
-void* operator new[](size_t n) { return newOrThrow(nextNewArray, "_Zna" LT_SZ, n); }
+// The mangled names of the next forms; size_t is 'j' on 32-bit targets.
+#if __SIZEOF_SIZE_T__ == 8
+#define LT_SZ "m"
+#else
+#define LT_SZ "j"
+#endif
+#define LT_NOTHROW "RKSt9nothrow_t"
+#define LT_ALIGN "St11align_val_t"
+
+void* operator new(size_t n) { return newForm<true>(nextNew, "_Znw" LT_SZ, n); }
+void* operator new[](size_t n) { return newForm<true>(nextNewArray, "_Zna" LT_SZ, n); }
 void* operator new(size_t n, const std::nothrow_t& t) noexcept
 {
-    return newOrNull(nextNewNothrow, "_Znw" LT_SZ "RKSt9nothrow_t", n, t);
+    return newForm<false>(nextNewNothrow, "_Znw" LT_SZ LT_NOTHROW, n, t);
 }
 void* operator new[](size_t n, const std::nothrow_t& t) noexcept
 {
-    return newOrNull(nextNewArrayNothrow, "_Zna" LT_SZ "RKSt9nothrow_t", n, t);
+    return newForm<false>(nextNewArrayNothrow, "_Zna" LT_SZ LT_NOTHROW, n, t);
 }
 void* operator new(size_t n, std::align_val_t a)
 {
-    return newOrThrow(nextNewAligned, "_Znw" LT_SZ "St11align_val_t", n, a);
+    return newForm<true>(nextNewAligned, "_Znw" LT_SZ LT_ALIGN, n, a);
 }
 void* operator new[](size_t n, std::align_val_t a)
 {
-    return newOrThrow(nextNewArrayAligned, "_Zna" LT_SZ "St11align_val_t", n, a);
+    return newForm<true>(nextNewArrayAligned, "_Zna" LT_SZ LT_ALIGN, n, a);
 }
 void* operator new(size_t n, std::align_val_t a, const std::nothrow_t& t) noexcept
 {
-    return newOrNull(nextNewAlignedNothrow, "_Znw" LT_SZ "St11align_val_tRKSt9nothrow_t", n, a, t);
+    return newForm<false>(nextNewAlignedNothrow, "_Znw" LT_SZ LT_ALIGN LT_NOTHROW, n, a, t);
 }
 void* operator new[](size_t n, std::align_val_t a, const std::nothrow_t& t) noexcept
 {
-    return newOrNull(nextNewArrayAlignedNothrow, "_Zna" LT_SZ "St11align_val_tRKSt9nothrow_t", n, a, t);
+    return newForm<false>(nextNewArrayAlignedNothrow, "_Zna" LT_SZ LT_ALIGN LT_NOTHROW, n, a, t);
 }
 
 namespace allocfail {
 
-void arm(long n, Mode mode)
-{
-    tCount = 0;
-    tMode = static_cast<int>(mode);
-    tInjected = false;
-    tFailAt = n;
-}
-
-long disarm()
-{
-    tFailAt = 0;
-    return tCount;
-}
-
-bool injected() { return tInjected; }
-
 long long liveBytes() { return gLiveBytes.load(std::memory_order_relaxed); }
 
-bool Attempt::run(const std::function<void()>& op)
+void Attempt::run(const std::function<void()>& op)
 {
     struct Disarm {
-        Attempt& r;
+        Attempt& a;
         ~Disarm()
         {
-            disarm();
-            r.failed_ = r.failed_ || tInjected;
+            tFailAt = 0;
+            a.failed_ = a.failed_ || tInjected;
         }
     } guard{*this};
-    arm(n_, mode_);
+    tCount = 0;
+    tFromNthOn = mode_ == Mode::FromNthOn;
+    tInjected = false;
+    tFailAt = n_;
     op();
-    return tInjected;
+}
+
+bool Attempt::runThrowing(const std::function<void()>& op)
+{
+    bool threw = false;
+    run([&] {
+        try {
+            op();
+        } catch (const std::bad_alloc&) {
+            threw = true;
+        }
+    });
+    return threw;
 }
 
 long sweep(const char* name, const std::function<void(Attempt&)>& body, bool exactBytes)
@@ -358,8 +307,6 @@ long sweep(const char* name, const std::function<void(Attempt&)>& body, bool exa
     constexpr long kMaxPoints = 100000;  // an operation allocating more is a fault of its own
     long points = -1;
     {
-        // One run without failures first: what the body makes once per process (a lazily
-        // built table, a first error buffer) is not counted against the first attempt.
         SCOPED_TRACE(std::string(name) + ": no allocation fails");
         Attempt warm(0, Mode::Once);
         body(warm);
@@ -370,15 +317,15 @@ long sweep(const char* name, const std::function<void(Attempt&)>& body, bool exa
         for (long n = 1;; ++n) {
             SCOPED_TRACE(std::string(name) + ": allocation " + std::to_string(n) + " fails" +
                          (mode == Mode::Once ? "" : ", and every later one"));
-            Attempt r(n, mode);
+            Attempt attempt(n, mode);
             const long long before = liveBytes();
-            body(r);
+            body(attempt);
             if (exactBytes) {
                 EXPECT_EQ(before, liveBytes()) << "bytes leaked or freed twice";
             }
             if (::testing::Test::HasFailure())
                 return 0;
-            if (!r.failed()) {
+            if (!attempt.failed()) {
                 if (points < 0)
                     points = n - 1;
                 break;
@@ -389,12 +336,8 @@ long sweep(const char* name, const std::function<void(Attempt&)>& body, bool exa
             }
         }
     }
-    gOperations += 1;
-    gPoints += points;
+    std::printf("allocation-failure sweep of %s: %ld injection points\n", name, points);
     return points;
 }
-
-long operationsSwept() { return gOperations; }
-long injectionPoints() { return gPoints; }
 
 }  // namespace allocfail
