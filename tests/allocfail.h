@@ -4,22 +4,17 @@
 // failing, until it runs without meeting the failure, and after every run the test checks
 // the operation's result, that nothing leaked and that the object still works.
 //
-// How the failures are injected. allocfail.cpp, linked into the sweep executable, defines
-// malloc, calloc, realloc, free, aligned_alloc, memalign, posix_memalign, strdup, strndup and
-// the eight forms of operator new. The dynamic linker searches the executable before every
-// shared object, so these are the definitions the library, libstdc++, Boost, OpenSSL and
-// glibc itself (fopen, dlopen, thread start-up) reach. Each forwards to the next definition,
-// found with dlsym(RTLD_NEXT): glibc's and libstdc++'s in a plain build, the sanitizer's in
-// the `make test-asan` and `make test-tsan` builds, which so keep every block in their own
-// heap and still report leaks and mismatched releases (operator delete is left alone).
-//
-// Two things make this work under a sanitizer: allocfail.cpp is compiled without
-// instrumentation (its malloc runs before the runtime is ready), and until this executable's
-// constructors run (after every shared object's, the runtime's included) requests are served
-// from a static buffer that is never given back, since dlsym allocates while the runtime sets
-// up its interceptors. strdup and strndup are defined because ASan answers them without
-// malloc; the other calls it intercepts whole (getline, asprintf, realpath) are not covered,
-// and the library does not use them.
+// How failures are injected: allocfail.cpp, linked into the sweep executable, defines malloc,
+// calloc, realloc, free, aligned_alloc, memalign, posix_memalign, strdup, strndup and the eight
+// forms of operator new. The dynamic linker searches the executable first, so these are what
+// the library, libstdc++, Boost, OpenSSL and glibc itself (fopen, dlopen, thread start) reach.
+// Each forwards to the next definition (dlsym(RTLD_NEXT)): glibc's and libstdc++'s, or the
+// sanitizer's, which so keeps its own heap and still reports leaks and mismatched releases
+// (operator delete is left alone). allocfail.cpp is not instrumented, and until this
+// executable's constructors run (after the sanitizer runtime's) it serves requests from a
+// static buffer, since dlsym allocates while the runtime sets up. strdup and strndup are here
+// because ASan answers them without malloc; the library uses none of the other calls it
+// intercepts whole (getline, asprintf, realpath).
 //
 // One request is one injection point whichever allocator stands behind it: a thread-local
 // depth counter keeps an allocation made inside another (libstdc++'s new calling malloc,

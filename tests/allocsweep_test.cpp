@@ -85,12 +85,12 @@ struct Files {
     crypto_test::TempDir dir;
     const std::string config = dir.file("a.info"), plain = dir.file("plain");
     const std::string sealed = dir.file("sealed"), back = dir.file("back");
-    std::string content;
+    crypto_test::Bytes content;
     Files()
     {
         crypto_test::writeFile(config, "tuner\n{\n  count 2\n  name \"front end\"\n}\nlist { a 1 b 2 c 3 }\n");
         for (int i = 0; i < 3000; ++i)
-            content += static_cast<char>('a' + i % 26);
+            content.push_back(static_cast<unsigned char>('a' + i % 26));
         crypto_test::writeFile(plain, content);
         EXPECT_EQ(0, ltcrypt().encryptFile("pw", plain, sealed));
     }
@@ -100,12 +100,6 @@ const Files& files()
 {
     static const Files f;
     return f;
-}
-
-std::string readAll(const std::string& path)
-{
-    const crypto_test::Bytes bytes = crypto_test::readFile(path);
-    return std::string(bytes.begin(), bytes.end());
 }
 
 // ---------------------------------------------------------------- the event road
@@ -222,7 +216,7 @@ void expectCryptUsable(ltcrypt& c)
     (void)unlink(f.back.c_str());
     EXPECT_EQ(0, c.encryptFile("pw", f.plain, f.sealed));
     EXPECT_EQ(0, c.decryptFile("pw", f.sealed, f.back));
-    EXPECT_EQ(f.content, readAll(f.back));
+    EXPECT_EQ(f.content, crypto_test::readFile(f.back));
 }
 
 struct Operation {
@@ -273,10 +267,7 @@ const Operation kOperations[] = {
              std::set<lfcObject*> seen;
              for (int i = 0; i < v.getSize(); ++i)
                  EXPECT_TRUE(seen.insert(v.elementAt(i)).second) << i;
-             if (!run.failed()) {
-                 EXPECT_EQ(23, v.getSize());
-                 EXPECT_EQ(&items[17], v.elementAt(1));
-             }
+             EXPECT_TRUE(run.failed() || (v.getSize() == 23 && v.elementAt(1) == &items[17]));
              const int before = v.getSize();
              EXPECT_EQ(0, v.add(items[63]));
              EXPECT_EQ(before + 1, v.getSize());
@@ -399,10 +390,7 @@ const Operation kOperations[] = {
              EXPECT_TRUE(m->matches(match));
              EXPECT_EQ(m->termCount == 0, m->matches(other));
          }
-         if (!run.failed()) {
-             ASSERT_NE(nullptr, copy);
-             EXPECT_EQ(2, copy->termCount);
-         }
+         EXPECT_TRUE(run.failed() || (copy != nullptr && copy->termCount == 2));
          delete copy;
          delete mask;
      }},
@@ -553,8 +541,8 @@ const Operation kOperations[] = {
          }
      }},
     {"TimerQueueSetTimer", [](Attempt& run) {
-         // Failure: -12, the caller's empty pointer still empty or the timer not queued; the
-         // queue stays ordered by time-out.
+         // Failure: -12, the caller's empty pointer still empty or the timer not queued; every
+         // queued timer comes out, and the queue still takes one.
          ltTimerQueue q;
          const _cspOsalTime_struct zero{};
          std::vector<boost::shared_ptr<ltTimer>> timers(6);
@@ -579,7 +567,7 @@ const Operation kOperations[] = {
      }},
     {"SerialExecutorConstructionAndPost", [](Attempt& run) {
          // Failure: std::bad_alloc or boost::thread_resource_error from the constructor, which
-         // leaves nothing behind; post does not fail.
+         // leaves nothing behind; nothing leaves post.
          std::atomic<int> ran{0};
          std::unique_ptr<ltSerialExecutor> ex;
          run.run([&] {
@@ -671,10 +659,7 @@ const Operation kOperations[] = {
              (void)u.getValue("band", got);
              composed = u.getUri();
          });
-         if (!threw) {
-             EXPECT_EQ(std::vector<int>(3, 0), std::vector<int>(r, r + 3));
-             EXPECT_EQ("high", got);
-         }
+         EXPECT_TRUE(threw || (r[0] == 0 && r[1] == 0 && r[2] == 0 && got == "high"));
          for (const std::string& key : u.getQueryKeys()) {
              std::string value;
              EXPECT_TRUE(key.empty() || u.getValue(key, value) == 0) << key;
@@ -781,7 +766,7 @@ const Operation kOperations[] = {
          EXPECT_TRUE(rEnc == 0 || rEnc == -1 || rEnc == -2) << rEnc;
          EXPECT_TRUE(rDec == 0 || rDec == -1 || rDec == -2 || rDec == 1) << rDec;
          if (rEnc == 0 && rDec == 0) {
-             EXPECT_EQ(f.content, readAll(f.back));
+             EXPECT_EQ(f.content, crypto_test::readFile(f.back));
          }
          EXPECT_TRUE((rEnc == 0 && rDec == 0) || run.failed());
          expectCryptUsable(c);
@@ -801,10 +786,7 @@ const Operation kOperations[] = {
          });
          EXPECT_TRUE(rEnc == 0 || rEnc == -1 || rEnc == -2) << rEnc;
          EXPECT_TRUE(rDec == 0 || rDec == -1 || rDec == -2) << rDec;
-         if (!run.failed()) {
-             EXPECT_EQ(0, rDec);
-             EXPECT_EQ(f.content, readAll(f.back));
-         }
+         EXPECT_TRUE(run.failed() || (rDec == 0 && crypto_test::readFile(f.back) == f.content));
          expectCryptUsable(c);
      }},
     {"PluginLoaderSetUriAndLoad", [](Attempt& run) {
