@@ -8,6 +8,7 @@
 #define RUNNINGLOOP_H
 
 #include <atomic>
+#include <chrono>
 #include <thread>
 
 #include "ltlinuxselectmainloop.h"
@@ -35,5 +36,19 @@ private:
     std::atomic<bool> stopping_{false};
     std::thread thread_;
 };
+
+// Polls until done() holds; false when the patience, far beyond any healthy wait, runs out
+// first (a lost wake-up). No timing is asserted.
+template <typename Done>
+bool waitFor(Done done, std::chrono::seconds patience = std::chrono::seconds(20))
+{
+    const auto until = std::chrono::steady_clock::now() + patience;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > until)
+            return false;
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
+    return true;
+}
 
 #endif  // RUNNINGLOOP_H
