@@ -18,6 +18,7 @@ public:
     void start()
     {
         thread_ = std::thread([this] {
+            loopThread_.store(std::this_thread::get_id());  // before any callback: thread_ may not be set yet
             PassState s;
             beginExec(s);
             while (!stopping_.load())
@@ -30,10 +31,11 @@ public:
         wakeupEventLoop();  // out of select()
         thread_.join();
     }
-    bool onLoopThread() const { return std::this_thread::get_id() == thread_.get_id(); }
+    bool onLoopThread() const { return std::this_thread::get_id() == loopThread_.load(); }
 
 private:
     std::atomic<bool> stopping_{false};
+    std::atomic<std::thread::id> loopThread_{};
     std::thread thread_;
 };
 

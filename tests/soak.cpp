@@ -49,7 +49,8 @@ constexpr int kPosters = 16;
 constexpr int kPipes = 8;
 
 std::atomic<long long> constructedEvents{0}, destroyedEvents{0}, dispatchedDeleted{0}, expiredDeleted{0};
-std::atomic<long long> posted{0}, notPosted{0}, brokenEvents{0}, handlersAlive{0}, wrongThread{0};
+std::atomic<long long> posted{0}, gaveUp{0}, refused{0}, brokenEvents{0}, offeredNotOnce{0};
+std::atomic<long long> handlersAlive{0}, calledTwice{0}, wrongThread{0};
 std::atomic<long long> oneShotsAdded{0}, oneShotsFired{0}, bytesWritten{0}, bytesRead{0};
 
 RunningLoop* theLoop = nullptr;
@@ -72,6 +73,8 @@ public:
         magic_ = kDead;
         if (!refusedByQueue)
             (delivered > 0 && !kept ? dispatchedDeleted : expiredDeleted).fetch_add(1);
+        // Nobody keeps an event without a TTL: the counter sees it once, and it is finished.
+        offeredNotOnce.fetch_add(!refusedByQueue && key3 == 0 && delivered != 1 ? 1 : 0);
         destroyedEvents.fetch_add(1);
     }
 
@@ -88,11 +91,17 @@ SoakEvent* soakEvent(ltEvent* e) { return static_cast<SoakEvent*>(e); }
 class SoakHandler : public ltCallbackEventHandler {
 public:
     SoakHandler(ltEventMask* mask, int flags, ltEventHandlerCallback cb, ltTime* lethal = nullptr)
-        : ltCallbackEventHandler(mask, nullptr, lethal, flags | kOwnsMask, cb)
+        : ltCallbackEventHandler(mask, this, lethal, flags | kOwnsMask, cb)
     {
         handlersAlive.fetch_add(1);
     }
-    ~SoakHandler() override { handlersAlive.fetch_sub(1); }
+    ~SoakHandler() override
+    {
+        calledTwice.fetch_add(calls > 1 && (flags & kPersistent) == 0 ? 1 : 0);  // its first call is its last
+        handlersAlive.fetch_sub(1);
+    }
+
+    int calls = 0;  // loop thread only
 };
 
 // Every event: counted, and on to the next handler.
@@ -117,9 +126,10 @@ int keepWithTtl(ltEventQueue&, ltEvent* e, int reason, void*)
 }
 
 // Transient handlers: some stop the event from going further, some let it go on.
-int transient(ltEventQueue&, ltEvent* e, int reason, void*)
+int transient(ltEventQueue&, ltEvent* e, int reason, void* handler)
 {
     checkLoopThread();
+    static_cast<SoakHandler*>(handler)->calls += 1;
     if (reason == ltEventHandler::kReasonLethalTime)
         return 1;
     return e->key2 % 3 == 0 ? -1 : 1;
@@ -155,12 +165,12 @@ struct Manager {
     {
         checkLoopThread();
         ++tick;
-        // A one-shot handler for some events, with or without a lethal time.
-        const unsigned lethalMs = random() % 2 ? 1 + random() % 500 : 0;
-        queue->addEventHandlerFunction(transient, anyBitOfKey2(1u << (random() % 16)), nullptr, lethalMs,
-                                       ltEventHandler::kOwnsMask);
-        // A persistent one at a random priority, removed again later.
+        // A one-shot handler for some events, and a persistent one at a random priority (removed
+        // again later), each with or without a lethal time that is due at once.
         ltTime lethal = queue->getKnownTime();
+        auto* once = new SoakHandler(anyBitOfKey2(1u << (random() % 16)), 0, transient, random() % 2 ? &lethal : nullptr);
+        if (queue->addEventHandler(once) == 0)
+            delete once;
         auto* h = new SoakHandler(anyBitOfKey2(1u << (random() % 16)), ltEventHandler::kPersistent, transient,
                                   random() % 2 ? &lethal : nullptr);
         if (const unsigned long long id = queue->addEventHandler(static_cast<int>(random() % 20) - 10, h))
@@ -226,8 +236,8 @@ void poster(int p, ltEventQueue& queue, Pipes& pipes, const std::atomic<bool>& s
                 std::this_thread::yield();
                 continue;
             }
-            e->refusedByQueue = true;  // refused, or still full when the time was up: still ours
-            notPosted.fetch_add(1);
+            e->refusedByQueue = true;  // still ours
+            (errno == EAGAIN ? gaveUp : refused).fetch_add(1);  // full when the time was up, or refused
             delete e;
             e = nullptr;
             break;
@@ -378,21 +388,24 @@ int main(int argc, char** argv)
     // warm-up is allowed here; the heap check below (and LeakSanitizer at exit) is the strict one.
     tolerance += static_cast<long>((posted.load() - postedAfterWarmUp) / 8192);
 #endif
-    std::printf("soak: %.2f minutes; events: %lld posted, %lld dispatched, %lld expired, %lld not posted; "
+    std::printf("soak: %.2f minutes; events: %lld posted, %lld dispatched, %lld expired, %lld full at the end; "
                 "resident KiB: %ld after warm-up, %ld at end (tolerance %ld); heap KiB: %ld, %ld\n",
                 std::chrono::duration<double>(Clock::now() - started).count() / 60, posted.load(),
-                dispatchedDeleted.load(), expiredDeleted.load(), notPosted.load(), rssAfterWarmUp, rssAtEnd,
+                dispatchedDeleted.load(), expiredDeleted.load(), gaveUp.load(), rssAfterWarmUp, rssAtEnd,
                 tolerance, heapAfterWarmUp, heapAtEnd);
 
     check(drained, "every event came to its end");
     check(brokenEvents.load() == 0, "no event deleted twice or overwritten");
-    check(destroyedEvents.load() == posted.load() + notPosted.load(), "every event deleted exactly once");
+    check(refused.load() == 0, "no post refused but for a full queue");
+    check(destroyedEvents.load() == posted.load() + gaveUp.load() + refused.load(), "every event deleted exactly once");
     check(dispatchedDeleted.load() + expiredDeleted.load() == posted.load(),
           "every posted event dispatched and deleted, or expired and deleted");
     check(dispatchedDeleted.load() > 0 && expiredDeleted.load() > 0, "both ends taken");
+    check(offeredNotOnce.load() == 0, "every event without a TTL offered exactly once");
     check(timersSettled, "every one-shot timer fired once");
     check(bytesSettled, "every byte written into a pipe was read");
     check(handlersAlive.load() == 0, "no handler left");
+    check(calledTwice.load() == 0, "no one-shot handler called twice");
     check(wrongThread.load() == 0, "callbacks and handlers ran on the loop thread only");
     check(mallocAtEnd == mallocAtStart, "lfcUtilMallocUsed back at its start value");
     check(rssAtEnd <= rssAfterWarmUp + tolerance, "resident memory did not grow after the warm-up");
