@@ -191,7 +191,7 @@ struct ltAbiLayout {
         S(lfcVectorIterator, 12, 4, 24, 8),
         F(lfcVectorIterator, position, 4, 4, 8, 4),
         F(lfcVectorIterator, vector, 8, 4, 16, 8),
-        Row{"lfcUtilMallocUsed", "(size, alignment)", {sizeof lfcUtilMallocUsed, alignof(decltype(lfcUtilMallocUsed))}, {4, 4}, {4, 4}},
+        S(decltype(lfcUtilMallocUsed), 4, 4, 4, 4),
         S(LfcBlockHeader, 8, 4, 8, 4),
         F(LfcBlockHeader, magic, 0, 4, 0, 4),
         F(LfcBlockHeader, size, 4, 4, 4, 4),

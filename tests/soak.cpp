@@ -86,56 +86,50 @@ private:
     unsigned magic_ = kAlive;
 };
 
-SoakEvent* soakEvent(ltEvent* e) { return static_cast<SoakEvent*>(e); }
+// The counter (every event, first) counts each offer and passes the event on; the keeper
+// (events with a TTL, last) keeps them: they stay queued until their TTL timer removes them;
+// transient handlers stop some events and pass others on.
+enum Role { kCounter, kKeeper, kTransient };
 
 class SoakHandler : public ltCallbackEventHandler {
 public:
-    SoakHandler(ltEventMask* mask, int flags, ltEventHandlerCallback cb, ltTime* lethal = nullptr)
-        : ltCallbackEventHandler(mask, this, lethal, flags | kOwnsMask, cb)
-    {
-        handlersAlive.fetch_add(1);
-    }
+    SoakHandler(ltEventMask* mask, int flags, Role role, ltTime* lethal = nullptr);
     ~SoakHandler() override
     {
         calledTwice.fetch_add(calls > 1 && (flags & kPersistent) == 0 ? 1 : 0);  // its first call is its last
         handlersAlive.fetch_sub(1);
     }
 
+    const Role role;
     int calls = 0;  // loop thread only
 };
 
-// Every event: counted, and on to the next handler.
-int countAll(ltEventQueue&, ltEvent* e, int reason, void*)
+int handle(ltEventQueue&, ltEvent* e, int reason, void* handler)
 {
     checkLoopThread();
+    auto* h = static_cast<SoakHandler*>(handler);
+    h->calls += 1;
     if (reason == ltEventHandler::kReasonLethalTime)
+        return 1;
+    auto* event = static_cast<SoakEvent*>(e);
+    switch (h->role) {
+    case kCounter:
+        event->delivered += 1;
+        event->kept = false;  // the handlers of this offer decide
+        return 1;
+    case kKeeper:
+        event->kept = true;
         return 0;
-    soakEvent(e)->delivered += 1;
-    soakEvent(e)->kept = false;  // the handlers of this offer decide
-    return 1;
+    default:
+        return e->key2 % 3 == 0 ? -1 : 1;
+    }
 }
 
-// Events with a TTL are kept: they stay queued until their TTL timer removes them.
-int keepWithTtl(ltEventQueue&, ltEvent* e, int reason, void*)
+SoakHandler::SoakHandler(ltEventMask* mask, int flags, Role role, ltTime* lethal)
+    : ltCallbackEventHandler(mask, this, lethal, flags | kOwnsMask, handle), role(role)
 {
-    checkLoopThread();
-    if (reason == ltEventHandler::kReasonLethalTime)
-        return 1;
-    soakEvent(e)->kept = true;
-    return 0;
+    handlersAlive.fetch_add(1);
 }
-
-// Transient handlers: some stop the event from going further, some let it go on.
-int transient(ltEventQueue&, ltEvent* e, int reason, void* handler)
-{
-    checkLoopThread();
-    static_cast<SoakHandler*>(handler)->calls += 1;
-    if (reason == ltEventHandler::kReasonLethalTime)
-        return 1;
-    return e->key2 % 3 == 0 ? -1 : 1;
-}
-
-ltEventMask* anyBitOfKey2(unsigned bits) { return new ltEventMask(ltEventMask::kMaskNone, 2, 7, bits, 0); }
 
 struct Pipes {
     int r[kPipes], w[kPipes];
@@ -168,30 +162,34 @@ struct Manager {
         // A one-shot handler for some events, and a persistent one at a random priority (removed
         // again later), each with or without a lethal time that is due at once.
         ltTime lethal = queue->getKnownTime();
-        auto* once = new SoakHandler(anyBitOfKey2(1u << (random() % 16)), 0, transient, random() % 2 ? &lethal : nullptr);
-        if (queue->addEventHandler(once) == 0)
-            delete once;
-        auto* h = new SoakHandler(anyBitOfKey2(1u << (random() % 16)), ltEventHandler::kPersistent, transient,
-                                  random() % 2 ? &lethal : nullptr);
-        if (const unsigned long long id = queue->addEventHandler(static_cast<int>(random() % 20) - 10, h))
+        add(0, new SoakHandler(someEvents(), 0, kTransient, random() % 2 ? &lethal : nullptr));
+        if (const unsigned long long id = add(static_cast<int>(random() % 20) - 10,
+                                              new SoakHandler(someEvents(), ltEventHandler::kPersistent, kTransient,
+                                                              random() % 2 ? &lethal : nullptr)))
             persistent.push_back(id);
-        else
-            delete h;
         while (persistent.size() > 12) {
             queue->removeEventHandlers(persistent.front(), 0, nullptr, true);
             persistent.pop_front();
         }
         // One the queue does not own: dropped after its first invocation, deleted here.
-        auto* mine = new SoakHandler(anyBitOfKey2(1u << (random() % 16)), ltEventHandler::kNotOwned, transient);
-        if (queue->addEventHandler(static_cast<int>(random() % 5), mine) != 0)
+        auto* mine = new SoakHandler(someEvents(), ltEventHandler::kNotOwned, kTransient);
+        if (add(static_cast<int>(random() % 5), mine) != 0)
             notOwned.push_back(mine);
-        else
-            delete mine;
         reapNotOwned(false);
         // A read handle removed and added again: the descriptor sets are rebuilt.
         const int p = static_cast<int>(tick % kPipes);
         theLoop->removeIOHandle(pipes->handle[p]);
         pipes->handle[p] = theLoop->doAddIOHandle(handleRead, handleNoFlags, pipes->r[p], drainPipe, nullptr);
+    }
+
+    ltEventMask* someEvents() { return new ltEventMask(ltEventMask::kMaskNone, 2, 7, 1u << (random() % 16), 0); }
+
+    unsigned long long add(int priority, SoakHandler* h)  // deletes a handler the queue refused
+    {
+        const unsigned long long id = queue->addEventHandler(priority, h);
+        if (id == 0)
+            delete h;
+        return id;
     }
 
     // Deletes the handlers the queue has dropped (id 0); with all, takes the others out of the
@@ -328,9 +326,9 @@ int main(int argc, char** argv)
             const int member = loop.registerMainLoopMember(queue);
             // The counter first, the keeper last: the keeper's 0 decides for TTL events.
             queue.addEventHandler(100, new SoakHandler(new ltEventMask(ltEventMask::kMaskNone, 0),
-                                                       ltEventHandler::kPersistent, countAll));
+                                                       ltEventHandler::kPersistent, kCounter));
             queue.addEventHandler(-100, new SoakHandler(new ltEventMask(ltEventMask::kMaskNone, 3, 4, 1, 0),
-                                                        ltEventHandler::kPersistent, keepWithTtl));
+                                                        ltEventHandler::kPersistent, kKeeper));
             Manager manager;
             manager.queue = &queue;
             manager.pipes = &pipes;
