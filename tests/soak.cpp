@@ -306,7 +306,7 @@ int main(int argc, char** argv)
     long rssAfterWarmUp = 0, rssAtEnd = 0, heapAfterWarmUp = 0, heapAtEnd = 0;
     [[maybe_unused]] long long postedAfterWarmUp = 0;  // the ASan allowance counts from here
     int32_t mallocAtEnd = 0;
-    bool drained = false, timersSettled = false, bytesSettled = false;
+    bool drained = false, timersSettled = false, bytesSettled = false, queueGrew = false;
     const auto started = Clock::now();
     {
         RunningLoop loop;
@@ -361,6 +361,9 @@ int main(int argc, char** argv)
             drained = waitFor([] { return destroyedEvents.load() == constructedEvents.load(); }, patience);
             timersSettled = waitFor([] { return oneShotsFired.load() == oneShotsAdded.load(); }, patience);
             bytesSettled = waitFor([] { return bytesRead.load() == bytesWritten.load(); }, patience);
+            // Drained, the queue's vectors hold no more than twice what its limit of events needs.
+            queueGrew = lfcUtilMallocUsed - mallocAtStart >
+                        2 * (queue.getMaxQueueSize() + 1) * static_cast<int32_t>(sizeof(ltEvent*));
             rssAtEnd = residentKiB();
             heapAtEnd = heapKiB();
             loop.stop();
@@ -405,6 +408,7 @@ int main(int argc, char** argv)
     check(handlersAlive.load() == 0, "no handler left");
     check(calledTwice.load() == 0, "no one-shot handler called twice");
     check(wrongThread.load() == 0, "callbacks and handlers ran on the loop thread only");
+    check(!queueGrew, "the drained queue's vectors within its limit");
     check(mallocAtEnd == mallocAtStart, "lfcUtilMallocUsed back at its start value");
     check(rssAtEnd <= rssAfterWarmUp + tolerance, "resident memory did not grow after the warm-up");
     // Drained at the end, so below what was in flight after the warm-up, give or take 1 MiB.
