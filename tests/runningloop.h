@@ -8,6 +8,7 @@
 #define RUNNINGLOOP_H
 
 #include <atomic>
+#include <chrono>
 #include <thread>
 
 #include "ltlinuxselectmainloop.h"
@@ -17,6 +18,7 @@ public:
     void start()
     {
         thread_ = std::thread([this] {
+            loopThread_.store(std::this_thread::get_id());  // before any callback: thread_ may not be set yet
             PassState s;
             beginExec(s);
             while (!stopping_.load())
@@ -29,11 +31,26 @@ public:
         wakeupEventLoop();  // out of select()
         thread_.join();
     }
-    bool onLoopThread() const { return std::this_thread::get_id() == thread_.get_id(); }
+    bool onLoopThread() const { return std::this_thread::get_id() == loopThread_.load(); }
 
 private:
     std::atomic<bool> stopping_{false};
+    std::atomic<std::thread::id> loopThread_{};
     std::thread thread_;
 };
+
+// Polls until done() holds; false when the patience, far beyond any healthy wait, runs out
+// first (a lost wake-up). No timing is asserted.
+template <typename Done>
+bool waitFor(Done done, std::chrono::seconds patience = std::chrono::seconds(20))
+{
+    const auto until = std::chrono::steady_clock::now() + patience;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > until)
+            return false;
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
+    return true;
+}
 
 #endif  // RUNNINGLOOP_H
