@@ -17,18 +17,14 @@
 #include <random>
 #include <vector>
 
+#include "drivenloop.h"
 #include "lfcutil.h"
 #include "lteventmask.h"
 #include "lteventqueue.h"
-#include "ltlinuxselectmainloop.h"
 
 namespace {
 
 using lt_internal::EventRing;
-
-struct IdleLoop : ltLinuxSelectMainLoop {  // never run: post() writes no wake-up byte
-    IdleLoop() = default;
-};
 
 ltEvent* newEvent(unsigned key2) { return new ltEvent(1, key2, 0, 0, nullptr, 0); }
 
@@ -101,25 +97,6 @@ TEST(EventRingModel, KeepsArrivalOrderBehindTheSkippedAndGrowsLikeAPlainVector)
     }
 }
 
-// Growth counts every queued event, wherever the queue keeps it: the ring grows to the size
-// a plain vector of 'total' entries would take, even when the ring itself holds fewer.
-TEST(EventRingModel, GrowsForEventsHeldOutsideTheRing)
-{
-    lfcVector storage(2, 5);
-    int head = 0;
-    EventRing ring(storage, head);
-    std::unique_ptr<ltEvent> a(newEvent(1)), b(newEvent(2));
-    ASSERT_EQ(0, ring.reserveFor(0));
-    ring.push(a.get());
-    ASSERT_EQ(0, ring.reserveFor(1));
-    EXPECT_EQ(2, storage.capacity);
-    ASSERT_EQ(0, ring.reserveFor(2));  // two more held elsewhere: full, grows by growBy
-    EXPECT_EQ(7, storage.capacity);
-    ring.push(b.get());
-    EXPECT_EQ(a.get(), ring.at(0));
-    EXPECT_EQ(b.get(), ring.at(1));
-}
-
 int countAndGoOn(ltEventQueue&, ltEvent* e, int, void* seen)
 {
     static_cast<std::vector<unsigned>*>(seen)->push_back(e->key2);
@@ -133,7 +110,7 @@ int keepEverything(ltEventQueue&, ltEvent*, int, void*) { return 0; }
 // and lfcUtilMallocUsed moves as with one plain (500, 15) vector of every queued event.
 TEST(EventQueueClaims, OrderLimitAndMemoryAsWithOnePlainVector)
 {
-    IdleLoop loop;
+    DrivenLoop loop;  // never run: this thread plays the loop thread
     auto* queue = new ltEventQueue(loop);
     std::vector<unsigned> seen;
     ASSERT_NE(0u, queue->addEventHandlerFunction(&countAndGoOn, nullptr, &seen, 0, ltEventHandler::kPersistent));
@@ -199,7 +176,7 @@ TEST(EventQueueClaims, OrderLimitAndMemoryAsWithOnePlainVector)
 // not empty, and events behind them are taken at once.
 TEST(EventQueueClaims, PutBackEventsStayCountedButAreSkipped)
 {
-    IdleLoop loop;
+    DrivenLoop loop;  // never run: this thread plays the loop thread
     auto* queue = new ltEventQueue(loop);
     std::vector<unsigned> seen;
     ltEventMask keepMask(ltEventMask::kMaskNone, 2, ltEventMask::kKeyEqual, 1u, 0);   // key2 == 1

@@ -20,7 +20,17 @@ bool isFree(pthread_mutex_t* m)
     return true;
 }
 
-TEST(GuardMisuse, NullMutexIsReportedOnceAndEveryOperationFails)
+pthread_mutex_t errorCheckingMutex()
+{
+    pthread_mutex_t m;
+    pthread_mutexattr_t attr;
+    pthread_mutexattr_init(&attr);
+    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ERRORCHECK);
+    pthread_mutex_init(&m, &attr);
+    return m;
+}
+
+TEST(GuardMisuse, NullMutexFailsEveryOperationAndIsReportedWhereItIsSeen)
 {
     CaptureStderr();
     {
@@ -28,54 +38,40 @@ TEST(GuardMisuse, NullMutexIsReportedOnceAndEveryOperationFails)
         EXPECT_EQ(-EINVAL, g.lock());
         EXPECT_EQ(-EINVAL, g.unlock());
     }
+    { ltGuard g(static_cast<ltMutex*>(nullptr)); }
+    { ltGuard g(static_cast<ltConditionMutex*>(nullptr)); }  // reported by lock(), not the constructor
     EXPECT_EQ("ltGuard(): invalid mutex handle\n"
               "lock(): invalid mutex handle\n"
-              "unlock(): invalid mutex handle\n",
-              GetCapturedStderr());  // the destructor prints nothing
-
-    CaptureStderr();
-    { ltGuard g(static_cast<ltMutex*>(nullptr)); }
-    EXPECT_EQ("ltGuard(): invalid mutex handle\n", GetCapturedStderr());
-
-    CaptureStderr();
-    { ltGuard g(static_cast<ltConditionMutex*>(nullptr)); }  // reported by lock(), not the constructor
-    EXPECT_EQ("lock(): invalid mutex handle\n", GetCapturedStderr());
+              "unlock(): invalid mutex handle\n"
+              "ltGuard(): invalid mutex handle\n"
+              "lock(): invalid mutex handle\n",
+              GetCapturedStderr());  // the destructors print nothing
 }
 
-TEST(GuardMisuse, DoubleLockAndDoubleUnlockAreRefused)
+// Held once, never twice, and released exactly once: a second lock or unlock is refused, and
+// the destructor of a guard that is not holding the mutex leaves it to whoever holds it now.
+TEST(GuardScope, HoldsTheMutexOnceAndReleasesItExactlyOnce)
 {
-    pthread_mutex_t m = PTHREAD_MUTEX_INITIALIZER;
+    pthread_mutex_t m = errorCheckingMutex();
     CaptureStderr();
     {
         ltGuard g(&m);
-        EXPECT_EQ(-EINVAL, g.lock());  // held once, not twice
+        EXPECT_EQ(-EINVAL, g.lock());
         EXPECT_FALSE(isFree(&m));
         EXPECT_EQ(0, g.unlock());
         EXPECT_EQ(-EINVAL, g.unlock());
         EXPECT_TRUE(isFree(&m));
-    }
-    EXPECT_EQ("lock(): lock of locked mutex\nunlock(): unlock of unlocked mutex\n", GetCapturedStderr());
-    EXPECT_TRUE(isFree(&m));
-}
-
-TEST(GuardScope, ReleasesExactlyOnceWhateverHappenedInside)
-{
-    pthread_mutex_t m;
-    pthread_mutexattr_t attr;
-    pthread_mutexattr_init(&attr);
-    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ERRORCHECK);  // a second unlock would fail
-    pthread_mutex_init(&m, &attr);
-    {
-        ltGuard g(&m);
-        EXPECT_FALSE(isFree(&m));
-        EXPECT_EQ(0, g.unlock());
-        EXPECT_TRUE(isFree(&m));
         EXPECT_EQ(0, g.lock());
     }
-    EXPECT_EQ(0, pthread_mutex_lock(&m));  // released by the destructor
+    EXPECT_EQ("lock(): lock of locked mutex\nunlock(): unlock of unlocked mutex\n", GetCapturedStderr());
+    EXPECT_TRUE(isFree(&m));  // released by the destructor
+    {
+        ltGuard g(&m);
+        EXPECT_EQ(0, g.unlock());
+        ASSERT_EQ(0, pthread_mutex_lock(&m));
+    }
+    EXPECT_FALSE(isFree(&m));
     EXPECT_EQ(0, pthread_mutex_unlock(&m));
-    { ltGuard g(&m); g.unlock(); }  // destructor of an unlocked guard leaves the mutex alone
-    EXPECT_TRUE(isFree(&m));
     pthread_mutex_destroy(&m);
 }
 
@@ -103,11 +99,7 @@ TEST(GuardKinds, LocksTheMutexInsideEachKind)
 
 TEST(GuardFailure, FailedLockIsReportedWithTheNegatedError)
 {
-    pthread_mutex_t m;
-    pthread_mutexattr_t attr;
-    pthread_mutexattr_init(&attr);
-    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ERRORCHECK);
-    pthread_mutex_init(&m, &attr);
+    pthread_mutex_t m = errorCheckingMutex();
     ASSERT_EQ(0, pthread_mutex_lock(&m));  // held by this thread: the guard's lock gets EDEADLK
     CaptureStderr();
     int relock, r;

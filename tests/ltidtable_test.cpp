@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cstring>
 #include <map>
 
@@ -33,10 +34,8 @@ TEST(IdTableIds, GrowByDoublingUpToTheCap)
     EXPECT_EQ(4, t.capacity);
     EXPECT_EQ(4, put(t, 14));  // the fourth grows the table to 8 slots
     EXPECT_EQ(8, t.capacity);
-    EXPECT_EQ(3, t.currentBits);
     for (uint32_t k = 15; k <= 17; ++k)
         EXPECT_NE(0, put(t, k));
-    EXPECT_EQ(7, t.count);
     EXPECT_EQ(0, put(t, 18));  // eight slots holding seven records: full at the cap
     EXPECT_EQ(7, t.count);
     // Growth kept every record in place.
@@ -44,26 +43,20 @@ TEST(IdTableIds, GrowByDoublingUpToTheCap)
         EXPECT_EQ(static_cast<uint32_t>(10 + id), at(t, id).key);
 }
 
-TEST(IdTableIds, ReusedSlotsGetANewGeneration)
+// Round-robin from the last slot handed out: a freed slot is reused last, and when the probe
+// wraps past the end of the table the ids it hands out carry the next generation.
+TEST(IdTableIds, ProbesRoundRobinAndCountsWrapsInTheGeneration)
 {
     ltIdTable t(4, 2, 3, true);
-    const int a = put(t, 1), b = put(t, 2), c = put(t, 3);
+    const int a = put(t, 1), b = put(t, 2);
     ASSERT_EQ(0, t.removeMember(a));
+    const int c = put(t, 3);
+    EXPECT_EQ(3, c);  // slot 1 is free, but the probe goes on from slot 2
     ASSERT_EQ(0, t.removeMember(b));
     ASSERT_EQ(0, t.removeMember(c));
-    // The cursor wraps past the end of four slots; slot 1 comes back with generation 1.
     const int again = put(t, 4);
-    EXPECT_EQ(1 + (1 << 3), again);
+    EXPECT_EQ(1 + (1 << 3), again);  // slot 1 after the wrap, generation 1 above the 3 id bits
     EXPECT_EQ(4u, at(t, again).key);
-}
-
-TEST(IdTableIds, ProbesRoundRobinSoFreedSlotsAreReusedLast)
-{
-    ltIdTable t(8, 3, 6, true);
-    const int a = put(t, 1);
-    put(t, 2);
-    ASSERT_EQ(0, t.removeMember(a));
-    EXPECT_EQ(3, put(t, 3));  // slot 1 is free, but the probe goes on from slot 2
 }
 
 TEST(IdTableRefusal, FreeLookingRecordsAndNullAreRefused)
@@ -83,32 +76,27 @@ TEST(IdTableRemoval, ReportsEachFailureByCode)
 {
     ltIdTable t(sizeof(Rec), 2, 3, true);
     EXPECT_EQ(-1, t.removeMember(1));  // empty
+    put(t, 5);
     const int id = put(t, 7, 99);
     EXPECT_EQ(-2, t.removeMember(0));
     EXPECT_EQ(-2, t.removeMember(1 << 3));  // generation bits only: index 0
     EXPECT_EQ(0, t.removeMember(id));
     EXPECT_EQ(99u, at(t, id).payload);  // only the key bits were freed
-    put(t, 8);
     EXPECT_EQ(-3, t.removeMember(id));
-}
 
-TEST(IdTableRemoval, StaleIdRemovesTheNewerRecordInItsSlot)
-{
-    ltIdTable t(4, 1, 4, true);  // 2 slots: only slot 1 usable before growth
-    const int old = put(t, 5);
-    ASSERT_EQ(0, t.removeMember(old));
-    const int fresh = put(t, 6);
-    ASSERT_NE(old, fresh);
-    EXPECT_EQ(0, t.removeMember(old));  // generations are not compared
-    EXPECT_EQ(0, t.count);
+    ltIdTable two(4, 1, 4, true);  // only slot 1 is usable before growth
+    const int old = put(two, 5);
+    ASSERT_EQ(0, two.removeMember(old));
+    ASSERT_NE(old, put(two, 6));
+    EXPECT_EQ(0, two.removeMember(old));  // a stale id: generations are not compared
+    EXPECT_EQ(0, two.count);
 }
 
 TEST(IdTableKeys, KeyMaskFollowsTheEntrySize)
 {
-    EXPECT_EQ(0xFFu, ltIdTable(1, 2, 3, true).keyMask);
-    EXPECT_EQ(0xFFFFu, ltIdTable(2, 2, 3, true).keyMask);
-    EXPECT_EQ(0xFFFFFFu, ltIdTable(3, 2, 3, true).keyMask);
-    EXPECT_EQ(0xFFFFFFFFu, ltIdTable(12, 2, 3, true).keyMask);
+    const uint32_t masks[] = {0xFFu, 0xFFu, 0xFFFFu, 0xFFFFFFu, 0xFFFFFFFFu, 0xFFFFFFFFu};
+    for (int size = 0; size <= 5; ++size)
+        EXPECT_EQ(masks[size], ltIdTable(size, 2, 3, true).keyMask) << size;
 
     // Only the masked bits decide: a 2-byte entry with key 0x0100 has non-zero key bits.
     ltIdTable t(2, 2, 3, true);
@@ -157,10 +145,20 @@ TEST(IdTableModel, RandomPutsAndRemovesMatchAMap)
     }
 }
 
-TEST(IdTableIds, LimitsOutsideTheIdKeepIdsOnTheirSlot)
+// Geometries a table cannot have hand out no ids: records of no bytes would read as in use
+// everywhere, and bit counts below 0 or beyond what the 16-bit capacity holds give no table.
+// Limits outside the id still keep every id on its slot: one of 40 bits leaves no room for a
+// generation, a table built above its limit of 1 keeps the generation above its 8 slots and
+// never grows, and a limit past 15 bits stops at 32768 slots instead of wrapping to 0.
+TEST(IdTableGeometry, ImpossibleOnesHandOutNoIdsAndLimitsKeepIdsOnTheirSlot)
 {
-    // A limit of 40 bits leaves no room for a generation; a table built above its limit of 1
-    // keeps the generation above its 8 slots. Either way every id names the slot it filled.
+    const struct { int entrySize, bits, maxBits; bool freeIsZero; } impossible[] = {
+        {0, 2, 4, true}, {0, 2, 4, false}, {-4, 2, 4, true}, {4, -1, 15, true}, {4, 16, 15, true}, {4, 40, 15, true}};
+    for (const auto& g : impossible) {
+        ltIdTable t(g.entrySize, g.bits, g.maxBits, g.freeIsZero);
+        EXPECT_EQ(0, put(t, 0x12345678)) << g.entrySize << "/" << g.bits;
+        EXPECT_EQ(-1, t.removeMember(1)) << g.entrySize << "/" << g.bits;
+    }
     for (int maxBits : {40, 1}) {
         SCOPED_TRACE(maxBits);
         ltIdTable t(sizeof(Rec), 3, maxBits, true);
@@ -171,6 +169,18 @@ TEST(IdTableIds, LimitsOutsideTheIdKeepIdsOnTheirSlot)
             ASSERT_EQ(0, t.removeMember(id));
         }
     }
+    ltIdTable above(4, 4, 2, true);
+    for (uint32_t k = 1; k < 16; ++k)
+        EXPECT_NE(0, put(above, k));
+    EXPECT_EQ(0, put(above, 16));
+    EXPECT_EQ(16, above.capacity);
+    ltIdTable wide(4, 14, 20, true);
+    int refused = 0;
+    for (uint32_t k = 1; k <= 40000; ++k)
+        refused += put(wide, k) == 0 ? 1 : 0;
+    EXPECT_EQ(32768, wide.capacity);
+    EXPECT_EQ(40000 - 32767, refused);
+    EXPECT_EQ(-2, wide.removeMember(INT_MIN));  // index 0 in any generation
 }
 
 }  // namespace

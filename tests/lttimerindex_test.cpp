@@ -9,7 +9,11 @@
 
 #include <gtest/gtest.h>
 
+#include <malloc.h>
+
 #include <climits>
+#include <cstdlib>
+#include <cstring>
 #include <optional>
 #include <random>
 #include <vector>
@@ -95,6 +99,22 @@ TEST(TimerIndexModel, LatestPossibleExpiryIsStillASlotInUse)
     EXPECT_EQ(0, index.slots());
     EXPECT_FALSE(index.earliest(earliest));
     EXPECT_EQ(0, index.firstDue(0, ltTime(INT32_MAX, INT32_MAX)));
+}
+
+// Asked from just past the last slot, the index finds nothing, whatever lies past its array:
+// the block it is about to get is filled with ones first, so that a read past the end shows.
+TEST(TimerIndexModel, NothingIsDueFromPastTheLastSlot)
+{
+    void* block = std::malloc(4 * 2 * sizeof(uint64_t));
+    std::memset(block, 0xFF, malloc_usable_size(block));
+    asm volatile("" : : "r"(block) : "memory");  // the fill is not dropped as a dead store
+    std::free(block);
+    TimerIndex index;
+    ASSERT_TRUE(index.reset(4));
+    const ltTime least(INT32_MIN, INT32_MIN);  // due at any now
+    index.set(1, least);
+    EXPECT_EQ(1, index.firstDue(0, least));
+    EXPECT_EQ(4, index.firstDue(4, least));
 }
 
 }  // namespace
