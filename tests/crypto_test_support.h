@@ -1,12 +1,19 @@
-//===- crypto_test_support.h - Files, commands and keys for the crypto tests -===//
+//===- crypto_test_support.h - Temporary files, commands and key folders ---===//
 //
-// The crypto and encoding tests use the openssl command-line tool as their peer: they write
-// files into a private temporary directory, run openssl on them and compare bytes. The RSA
-// tests write key files at the fixed key paths inside a private mount namespace.
+// Shared by the tests that work on files: a private temporary directory, byte files, the
+// openssl command-line tool as a peer, a count of open descriptors, the debug output's line
+// format, and the fixed RSA key folder hidden inside a private mount namespace.
 //
 //===----------------------------------------------------------------------===//
 #ifndef CRYPTO_TEST_SUPPORT_H
 #define CRYPTO_TEST_SUPPORT_H
+
+#include <dirent.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cctype>
 #include <cerrno>
@@ -20,37 +27,12 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
-#include <sched.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 namespace crypto_test {
 
 using Bytes = std::vector<unsigned char>;
-
-// A fresh directory under TMPDIR (or /tmp), removed with its contents at the end.
-class TempDir {
-public:
-    TempDir()
-    {
-        const char* base = std::getenv("TMPDIR");
-        path_ = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/ltcrypto-XXXXXX";
-        if (mkdtemp(&path_[0]) == nullptr)
-            throw std::runtime_error("mkdtemp failed");
-    }
-    ~TempDir() { (void)std::system(("rm -rf '" + path_ + "'").c_str()); }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    const std::string& path() const { return path_; }
-    std::string file(const std::string& name) const { return path_ + "/" + name; }
-
-private:
-    std::string path_;
-};
 
 inline Bytes readFile(const std::string& path)
 {
@@ -69,6 +51,32 @@ inline void writeFile(const std::string& path, const std::string& text)
     writeFile(path, Bytes(text.begin(), text.end()));
 }
 
+// A fresh directory under TMPDIR (or /tmp), removed with its contents at the end.
+class TempDir {
+public:
+    TempDir()
+    {
+        const char* base = std::getenv("TMPDIR");
+        path_ = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/lttest-XXXXXX";
+        if (mkdtemp(&path_[0]) == nullptr)
+            throw std::runtime_error("mkdtemp failed");
+    }
+    ~TempDir() { (void)std::system(("rm -rf '" + path_ + "'").c_str()); }
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return path_; }
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
+    // Writes a file of the directory; returns its path.
+    std::string put(const std::string& name, const std::string& text) const
+    {
+        writeFile(file(name), text);
+        return file(name);
+    }
+
+private:
+    std::string path_;
+};
+
 // Runs a shell command; returns its exit status (-1 when it did not exit normally) and
 // appends its standard output to *output when given.
 inline int runCommand(const std::string& command, std::string* output = nullptr)
@@ -77,13 +85,25 @@ inline int runCommand(const std::string& command, std::string* output = nullptr)
     if (pipe == nullptr)
         return -1;
     char chunk[4096];
-    size_t got;
-    while ((got = std::fread(chunk, 1, sizeof chunk, pipe)) > 0) {
+    for (size_t got; (got = std::fread(chunk, 1, sizeof chunk, pipe)) > 0;)
         if (output != nullptr)
             output->append(chunk, got);
-    }
     const int status = pclose(pipe);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+inline bool haveOpenssl() { return runCommand("openssl version >/dev/null 2>&1") == 0; }
+
+// The descriptors this process holds open.
+inline int openDescriptors()
+{
+    int n = 0;
+    if (DIR* d = opendir("/proc/self/fd")) {
+        while (readdir(d) != nullptr)
+            ++n;
+        closedir(d);
+    }
+    return n;
 }
 
 // True when captured has, at the start of a line, "<file>:<line>:<func>(): <message>": the
@@ -92,22 +112,15 @@ inline bool hasDebugLine(const std::string& captured, const std::string& file,
                          const std::string& func, const std::string& message)
 {
     const std::string rest = ":" + func + "(): " + message;
-    for (size_t at = captured.find(file + ":"); at != std::string::npos;
-         at = captured.find(file + ":", at + 1)) {
+    for (size_t at = captured.find(file + ":"); at != std::string::npos; at = captured.find(file + ":", at + 1)) {
         size_t end = at + file.size() + 1;
         const size_t digits = end;
         while (end < captured.size() && std::isdigit(static_cast<unsigned char>(captured[end])))
             ++end;
-        if ((at == 0 || captured[at - 1] == '\n') && end > digits &&
-            captured.compare(end, rest.size(), rest) == 0)
+        if ((at == 0 || captured[at - 1] == '\n') && end > digits && captured.compare(end, rest.size(), rest) == 0)
             return true;
     }
     return false;
-}
-
-inline bool haveOpenssl()
-{
-    return runCommand("openssl version >/dev/null 2>&1") == 0;
 }
 
 // Deterministic pseudo-random bytes.
@@ -124,13 +137,10 @@ inline std::string hexOf(const unsigned char* data, size_t size)
 {
     static const char kDigits[] = "0123456789abcdef";
     std::string out;
-    for (size_t i = 0; i < size; ++i) {
-        out += kDigits[data[i] >> 4];
-        out += kDigits[data[i] & 15];
-    }
+    for (size_t i = 0; i < size; ++i)
+        out += {kDigits[data[i] >> 4], kDigits[data[i] & 15]};
     return out;
 }
-
 
 // The fixed folder ltrsa reads its key files from.
 inline const std::string kKeyDir = "/usr/local/configuration/keys";
