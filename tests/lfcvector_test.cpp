@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <initializer_list>
 #include <map>
@@ -41,6 +43,7 @@ TEST(CountedBlocks, CounterFollowsEveryLiveBlockAndIgnoresForeignOnes)
     EXPECT_EQ(nullptr, lfcUtil::malloc(0));
     EXPECT_EQ(nullptr, lfcUtil::calloc(0, 5));
     EXPECT_EQ(nullptr, lfcUtil::strdup(nullptr));
+    EXPECT_EQ(nullptr, lfcUtil::calloc(65536, 65536));  // the product wraps to 0: kept, no check
     void* a = lfcUtil::malloc(10);
     auto* zeros = static_cast<unsigned char*>(lfcUtil::calloc(3, 4));
     char* s = lfcUtil::strdup("tuner");
@@ -61,6 +64,7 @@ TEST(CountedBlocks, CounterFollowsEveryLiveBlockAndIgnoresForeignOnes)
     EXPECT_EQ(base, lfcUtilMallocUsed);
 
     EXPECT_EQ(-1, lfcUtil::strcmp(nullptr, "a"));
+    EXPECT_EQ(-1, lfcUtil::strcmp("a", nullptr));
     EXPECT_GT(lfcUtil::strcmp("hdmi", "dvbt"), 0);
 }
 
@@ -87,6 +91,12 @@ TEST(VectorGrowth, GrowsLinearlyAndCountsItsArray)
     EXPECT_EQ(2, small.capacity);
     fill(small, {0, 1, 2});
     EXPECT_EQ(4, small.capacity);
+    // Growth beyond what the counted allocator takes fails and changes nothing.
+    EXPECT_EQ(-ENOMEM, small.expandTo(INT_MAX));
+    EXPECT_EQ(3, small.getSize());
+    lfcVector never(INT_MAX, INT_MAX);  // no array, and every growth step is too big
+    EXPECT_EQ(-ENOMEM, never.add(objects[0]));
+    EXPECT_EQ(0, never.getSize());
 }
 
 TEST(VectorInsert, BelowSizeIntoAFullVectorKeepsCapacityAndEveryEntry)
@@ -125,9 +135,11 @@ TEST(VectorRemoval, CutsAtTheEndAndRejectsEmptyRanges)
     EXPECT_EQ(-1, v.remove(1, 0));
     EXPECT_EQ(-1, v.remove(-1, 1));
     EXPECT_EQ(-1, v.remove(6, 1));
+    EXPECT_EQ(-1, v.remove(INT_MAX, 1));
     EXPECT_EQ(-1, v.remove(objects[40]));
     EXPECT_EQ(0, v.remove(objects[1]));
-    EXPECT_EQ(0, v.remove(2, 10));  // cut to the end
+    EXPECT_EQ(0, v.remove(3, INT_MAX));  // cut to the end
+    EXPECT_EQ(0, v.remove(2, 10));
     EXPECT_EQ((Refs{&objects[0], &objects[2]}), contents(v));
 
     EXPECT_EQ(-1, v.replace(objects[9], 2));  // index == size

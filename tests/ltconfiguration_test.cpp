@@ -5,40 +5,23 @@
 #include <fstream>
 #include <sstream>
 #include <string>
-#include <unistd.h>
 #include <utility>
 
 #include <boost/property_tree/info_parser.hpp>
 #include <gtest/gtest.h>
+
+#include "crypto_test_support.h"
 
 namespace {
 
 // print() is checked by its text, so the debug output must be on before its first use.
 [[maybe_unused]] const int kDebugOutputOn = setenv("CSP_DEBUG_QUIET", "0", /*overwrite=*/1);
 
-// A fresh directory per test, removed with everything in it afterwards.
+// A fresh directory per test.
 class ConfigFiles : public testing::Test {
 protected:
-    void SetUp() override
-    {
-        char pattern[] = "/tmp/ltconfiguration_test.XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(pattern));
-        dir_ = pattern;
-    }
-    void TearDown() override
-    {
-        const std::string command = "rm -rf '" + dir_ + "'";
-        (void)std::system(command.c_str());  // a leftover temp dir fails no test
-    }
-
-    std::string write(const std::string& name, const std::string& text)
-    {
-        const std::string path = dir_ + "/" + name;
-        std::ofstream(path) << text;
-        return path;
-    }
-
-    std::string dir_;
+    std::string write(const std::string& name, const std::string& text) { return dir.put(name, text); }
+    crypto_test::TempDir dir;
 };
 
 TEST_F(ConfigFiles, ReadsNestedBlocksQuotedStringsIncludesAndDottedKeys)
@@ -68,6 +51,7 @@ TEST_F(ConfigFiles, ReadsNestedBlocksQuotedStringsIncludesAndDottedKeys)
     // An existing node with an empty value is not the default; a missing one is.
     EXPECT_EQ("", config.getString("empty", "-"));
     EXPECT_EQ("-", config.getString("tuner/dvbc", "-"));
+    EXPECT_EQ("-", config.getString(std::string("video.mode\0x", 12), "-"));  // the whole key counts
 }
 
 TEST_F(ConfigFiles, IntegerNeedsTheWholeValueAsOneDecimalInt)
@@ -94,7 +78,7 @@ TEST_F(ConfigFiles, IntegerNeedsTheWholeValueAsOneDecimalInt)
 
 TEST_F(ConfigFiles, ReadErrorsAreKeptAsTextNamingFileAndLine)
 {
-    const std::string missing = dir_ + "/missing.info";
+    const std::string missing = dir.file("missing.info");
     const std::string unmatched = write("unmatched.info", "a 1\nb\n{\n    c 2\n");
     const std::string stray = write("stray.info", "a 1\n}\n");
     const std::string badInclude = write("include.info", "a 1\n#include \"" + missing + "\"\n");
@@ -112,6 +96,29 @@ TEST_F(ConfigFiles, ReadErrorsAreKeptAsTextNamingFileAndLine)
         // Nothing of a failed file is kept, not even the lines before the error.
         EXPECT_EQ("-", config.getString("a", "-")) << path;
     }
+    // Other broken files: some error text, and defaults.
+    const std::string self = write("self.info", "a 1\n#include \"" + dir.file("self.info") + "\"\n");
+    for (const std::string& path : {write("unterminated.info", "a \"no closing quote\n"),
+                                    write("braces.info", "a " + std::string(20000, '{') + "\n"), self}) {
+        const ltConfiguration config(path);
+        EXPECT_TRUE(config.initError()) << path;
+        EXPECT_FALSE(config.getInitError().empty()) << path;
+        EXPECT_EQ("-", config.getString("a", "-")) << path;
+    }
+    EXPECT_NE(std::string::npos, ltConfiguration(self).getInitError().find("include depth"));
+    // A directory opens but cannot be read, and binary junk: never a tree, never a crash.
+    for (const std::string& path : {dir.path(), write("binary.info", std::string("k\0\xff\x01{}\"\\\n", 9))})
+        EXPECT_EQ("-", ltConfiguration(path).getString("k/x", "-"));
+
+    // Deep nesting is read without recursion in the reader.
+    std::string deep, key = "n";
+    for (int i = 0; i < 2000; ++i)
+        deep += "n {\n";
+    for (int i = 1; i < 2000; ++i)
+        key += "/n";
+    const ltConfiguration nested(write("deep.info", deep + "leaf 7\n" + std::string(2000, '}') + "\n"));
+    ASSERT_FALSE(nested.initError()) << nested.getInitError();
+    EXPECT_EQ(7, nested.getInteger(key + "/leaf", 0));
 }
 
 TEST(ConfigWithoutFile, EmptyPathReportsNoErrorAndGivesDefaults)

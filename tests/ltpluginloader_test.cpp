@@ -49,6 +49,8 @@ TEST(PluginLoader, RefusesWithoutAPathAndPassesModeZeroAsItStands)
     EXPECT_EQ(nullptr, loader.lookupSymbol("ltPluginSampleAnswer"));
     EXPECT_EQ(0, loader.setURI("/nonexistent/plugin.so"));
     EXPECT_EQ(-1, loader.load());
+    EXPECT_EQ(0, loader.setURI(nullptr));  // forgets the path: no dlopen call
+    EXPECT_EQ(-1, loader.load());
     passModeZeroThrough = true;  // glibc refuses mode 0: every real load fails here
     EXPECT_EQ(0, loader.setURI(LT_PLUGIN_SAMPLE_PATH));
     EXPECT_EQ(-1, loader.load());
@@ -77,6 +79,7 @@ TEST(PluginLoader, LoadsTheLatestPathOnceAndClosesTheKeptHandleOnEveryUnload)
         EXPECT_STREQ("sample plug-in",
                      static_cast<const char*>(loader.lookupSymbol("ltPluginSampleName")));
         EXPECT_EQ(nullptr, loader.lookupSymbol("noSuchSymbol"));
+        EXPECT_EQ(nullptr, loader.lookupSymbol(nullptr));
         EXPECT_EQ(-1, loader.load());  // already loaded
         EXPECT_EQ(0, loader.unload());
         EXPECT_TRUE(loader.isLoaded());  // the handle is kept after unload

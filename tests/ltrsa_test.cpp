@@ -122,6 +122,8 @@ TEST_F(RsaKeyFiles, LoadOrderKeepsOnlyTheLastLine)
         EXPECT_TRUE(out == one);
         EXPECT_FALSE(rsa.encryptSignature(ones.data(), out.data()));
         EXPECT_FALSE(rsa.decryptSignature(ones.data(), out.data()));
+        EXPECT_FALSE(rsa.decryptSignature(nullptr, out.data()));  // a valid key refuses null blocks
+        EXPECT_FALSE(rsa.encryptSignature(message.data(), nullptr));
     });
 }
 

@@ -73,6 +73,8 @@ TEST(TimerQueueExpiry, RepeatingTimersSkipMissedPeriodsAndTheDrainEnds)
     ltTimerQueue queue;
     const _cspOsalTime_struct now = at(100);
     TimerPtr periodic, oneShot, exact, out;
+    EXPECT_EQ(-2, queue.removeTimer(out));  // an empty pointer is in no queue
+    EXPECT_FALSE(queue.isInQueue(out));
     queue.setTimer(periodic, at(96, 500000000), at(1));  // 3.5 s behind 'now'
     queue.setTimer(oneShot, at(99), at(-1, 500000000));  // minus half a second: one-shot
     queue.setTimer(exact, now, at(2, -1750000000));      // normalises to 0.25 s; due at 'now'
