@@ -24,8 +24,7 @@ const std::string kDevelop = kKeyDir + "/develop.key";
 const std::string kProduction = kKeyDir + "/production.key";
 const std::string kAutoexec = kKeyDir + "/autoexec.key";
 // The block size is a constant expression, and also an exported object read through its address.
-constexpr int kBlock = ltrsa::LTSIGNATURE_SIZE;
-static_assert(kBlock == 256, "a 2048-bit modulus");
+constexpr int kBlock = ltrsa::LTSIGNATURE_SIZE;  // a 2048-bit modulus
 const int* const kExportedBlockSize = &ltrsa::LTSIGNATURE_SIZE;
 
 // Generates a key into <dir>/key<bits>.pem; returns its modulus in hexadecimal, or "".

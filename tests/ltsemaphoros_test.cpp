@@ -1,5 +1,5 @@
-// The named semaphore: creation mode and value, each failed step and its syslog line, a wait
-// cut short by a signal, and a signal passed between two processes. syslog is interposed
+// The named semaphore: creation mode and value, each failed step and its syslog line, and a
+// wait cut short by a signal. syslog is interposed
 // below to collect the lines; every test uses names of its own and unlinks them.
 #include "ltsemaphoros.h"
 
@@ -10,7 +10,6 @@
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -113,27 +112,6 @@ TEST(SemaphoreSignal, WaitInterruptedBySignalIsAFailure)
     setitimer(ITIMER_REAL, &off, nullptr);
     EXPECT_EQ(-1, result);
     EXPECT_EQ((Lines{{LOG_ERR, "ltSemaPhoros: Couldn't wait " + n.name}}), logged);
-}
-
-TEST(SemaphoreSignal, OneProcessWaitsUntilTheOtherPosts)
-{
-    UniqueName go("_go"), ack("_ack");
-    const pid_t child = fork();
-    ASSERT_NE(-1, child);
-    if (child == 0) {
-        alarm(10);  // a lost signal ends the child instead of hanging it
-        if (go.object().lock(O_CREAT) != 0)
-            _exit(1);
-        _exit(ack.object().unlock(O_CREAT) == 0 ? 0 : 2);
-    }
-    EXPECT_EQ(0, go.object().unlock(O_CREAT));  // whichever side comes first creates it
-    int status = 0;
-    ASSERT_EQ(child, waitpid(child, &status, 0));
-    ASSERT_TRUE(WIFEXITED(status)) << "child status " << status;
-    EXPECT_EQ(0, WEXITSTATUS(status));
-    EXPECT_EQ(0, go.value());            // the child took the post
-    EXPECT_EQ(0, ack.object().lock(0));  // and posted back
-    EXPECT_TRUE(logged.empty());
 }
 
 }  // namespace
