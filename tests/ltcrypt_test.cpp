@@ -140,10 +140,8 @@ TEST_F(SaltedFiles, LongerExistingOutputKeepsItsTail)
         const size_t written = encryptedSize(plain.size());
         ASSERT_EQ(old.size(), encrypted.size());
         EXPECT_TRUE(std::equal(encrypted.begin() + written, encrypted.end(), &old[written]));
-        encrypted.resize(written);  // what openssl gets to read
+        encrypted.resize(written);
         writeFile(path("enc"), encrypted);
-        ASSERT_TRUE(openssl("-d -in " + path("enc") + " -out " + path("back")));
-        EXPECT_TRUE(readFile(path("back")) == plain);
 
         writeFile(path("back"), old);
         ASSERT_EQ(0, family.decrypt(kPassword, path("enc"), path("back")));

@@ -27,35 +27,19 @@ std::multiset<void*> fill(ltPointerList& list, int n)
     return model;
 }
 
-std::multiset<void*> contentsOf(const ltPointerList& list)
+// The list holds exactly the model: count, slot contents, lookups, and nothing past the end.
+void expectSameContents(const ltPointerList& list, const std::multiset<void*>& model)
 {
     std::multiset<void*> found;
     for (int i = 0; i < list.getCurrentMaxEntries(); ++i)
         if (void* p = list.getPointer(i))
             found.insert(p);
-    return found;
-}
-
-// The list holds exactly the model: count, slot contents, lookups, and nothing past the end.
-void expectSameContents(const ltPointerList& list, const std::multiset<void*>& model)
-{
+    EXPECT_EQ(model, found);
     EXPECT_EQ(static_cast<int>(model.size()), list.getNEntries());
-    EXPECT_EQ(model, contentsOf(list));
     for (void* p : model)
         EXPECT_TRUE(list.hasPointer(p));
     EXPECT_EQ(nullptr, list.getPointer(list.getCurrentMaxEntries()));
     EXPECT_EQ(nullptr, list.getPointer(-1));
-}
-
-// Capacity after n adds to an empty list: single, triple, array of 14, then doubling.
-int expectedCapacity(int n)
-{
-    if (n <= 3)
-        return n <= 1 ? 1 : 3;
-    int capacity = 14;
-    while (capacity < n)
-        capacity *= 2;
-    return capacity;
 }
 
 TEST(PointerListGrowth, KeepsEveryPointerAcrossEachForm)
@@ -63,11 +47,12 @@ TEST(PointerListGrowth, KeepsEveryPointerAcrossEachForm)
     ltPointerList list;
     std::multiset<void*> model;
     expectSameContents(list, model);
-    for (int n = 1; n <= 60; ++n) {  // single, triple, array 14, 28, 56, 112
+    for (int n = 1, capacity = 1; n <= 60; ++n) {  // single, triple, array 14, 28, 56, 112
         ASSERT_EQ(0, list.addPointer(obj(n - 1)));
         model.insert(obj(n - 1));
         SCOPED_TRACE("after " + std::to_string(n) + " adds");
-        EXPECT_EQ(expectedCapacity(n), list.getCurrentMaxEntries());
+        capacity = n == 2 ? 3 : n == 4 ? 14 : n > capacity ? 2 * capacity : capacity;
+        EXPECT_EQ(capacity, list.getCurrentMaxEntries());
         expectSameContents(list, model);
     }
 }
