@@ -1,10 +1,5 @@
-//===- crypto_test_support.h - Temporary files, commands and key folders ---===//
-//
-// Shared by the tests that work on files: a private temporary directory, byte files, the
-// openssl command-line tool as a peer, a count of open descriptors, the debug output's line
-// format, and the fixed RSA key folder hidden inside a private mount namespace.
-//
-//===----------------------------------------------------------------------===//
+// Shared by the tests that work on files: a temporary directory, byte files, the openssl tool
+// as a peer, open descriptors, the debug line format, and a private RSA key folder.
 #ifndef CRYPTO_TEST_SUPPORT_H
 #define CRYPTO_TEST_SUPPORT_H
 
@@ -46,10 +41,7 @@ inline void writeFile(const std::string& path, const Bytes& data)
         .write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
 }
 
-inline void writeFile(const std::string& path, const std::string& text)
-{
-    writeFile(path, Bytes(text.begin(), text.end()));
-}
+inline void writeFile(const std::string& path, const std::string& text) { writeFile(path, Bytes(text.begin(), text.end())); }
 
 // A fresh directory under TMPDIR (or /tmp), removed with its contents at the end.
 class TempDir {
@@ -66,19 +58,16 @@ public:
     TempDir& operator=(const TempDir&) = delete;
     const std::string& path() const { return path_; }
     std::string file(const std::string& name) const { return path_ + "/" + name; }
-    // Writes a file of the directory; returns its path.
-    std::string put(const std::string& name, const std::string& text) const
+    std::string put(const std::string& name, const std::string& text) const  // returns the path
     {
-        writeFile(file(name), text);
-        return file(name);
+        return writeFile(file(name), text), file(name);
     }
 
 private:
     std::string path_;
 };
 
-// Runs a shell command; returns its exit status (-1 when it did not exit normally) and
-// appends its standard output to *output when given.
+// A shell command's exit status (-1 if it did not exit); its output is appended to *output.
 inline int runCommand(const std::string& command, std::string* output = nullptr)
 {
     FILE* pipe = popen(command.c_str(), "r");
@@ -94,7 +83,6 @@ inline int runCommand(const std::string& command, std::string* output = nullptr)
 
 inline bool haveOpenssl() { return runCommand("openssl version >/dev/null 2>&1") == 0; }
 
-// The descriptors this process holds open.
 inline int openDescriptors()
 {
     int n = 0;
@@ -106,8 +94,7 @@ inline int openDescriptors()
     return n;
 }
 
-// True when captured has, at the start of a line, "<file>:<line>:<func>(): <message>": the
-// debug output's prefix with the source base name and the given function name.
+// True when a line of captured reads "<file>:<line>:<func>(): <message>".
 inline bool hasDebugLine(const std::string& captured, const std::string& file,
                          const std::string& func, const std::string& message)
 {
@@ -123,7 +110,6 @@ inline bool hasDebugLine(const std::string& captured, const std::string& file,
     return false;
 }
 
-// Deterministic pseudo-random bytes.
 inline Bytes randomBytes(size_t size, uint32_t seed)
 {
     std::mt19937 generator(seed);
@@ -142,26 +128,19 @@ inline std::string hexOf(const unsigned char* data, size_t size)
     return out;
 }
 
-// The fixed folder ltrsa reads its key files from.
-inline const std::string kKeyDir = "/usr/local/configuration/keys";
-
-inline bool writeProcFile(const char* path, const std::string& text)
-{
-    std::ofstream file(path);
-    file << text << std::flush;
-    return file.good();
-}
+inline const std::string kKeyDir = "/usr/local/configuration/keys";  // where ltrsa looks
 
 // In a child: a private mount namespace (a user namespace of its own without root) where an
 // empty tmpfs hides kKeyDir, or its nearest existing parent. Returns "" or why it failed.
 inline std::string makePrivateKeyDir()
 {
-    const uid_t uid = geteuid();
-    const gid_t gid = getegid();
-    if (uid != 0) {
+    auto writeProcFile = [](const char* path, const std::string& text) {
+        return static_cast<bool>(std::ofstream(path) << text << std::flush);
+    };
+    if (const uid_t uid = geteuid(); uid != 0) {
         if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0 || !writeProcFile("/proc/self/setgroups", "deny") ||
             !writeProcFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
-            !writeProcFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1"))
+            !writeProcFile("/proc/self/gid_map", "0 " + std::to_string(getegid()) + " 1"))
             return std::string("user namespace: ") + std::strerror(errno);
     } else if (unshare(CLONE_NEWNS) != 0) {
         return std::string("unshare(CLONE_NEWNS): ") + std::strerror(errno);

@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -14,10 +15,8 @@
 
 namespace {
 
-// print() is checked by its text, so the debug output must be on before its first use.
 [[maybe_unused]] const int kDebugOutputOn = setenv("CSP_DEBUG_QUIET", "0", /*overwrite=*/1);
 
-// A fresh directory per test.
 class ConfigFiles : public testing::Test {
 protected:
     std::string write(const std::string& name, const std::string& text) { return dir.put(name, text); }
@@ -36,7 +35,6 @@ TEST_F(ConfigFiles, ReadsNestedBlocksQuotedStringsIncludesAndDottedKeys)
         "channel first\nchannel second\n"
         "empty \"\"\n");
     const ltConfiguration config(main);
-
     ASSERT_FALSE(config.initError()) << config.getInitError();
     // A dot is part of a name; only '/' descends.
     EXPECT_EQ("1080p", config.getString("video.mode", "-"));
@@ -68,7 +66,6 @@ TEST_F(ConfigFiles, IntegerNeedsTheWholeValueAsOneDecimalInt)
     for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i)
         text += "k" + std::to_string(i) + " " + cases[i].text + "\n";
     const ltConfiguration config(write("ints.info", text));
-
     ASSERT_FALSE(config.initError()) << config.getInitError();
     for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i)
         EXPECT_EQ(cases[i].expected, config.getInteger("k" + std::to_string(i), 77))
@@ -96,29 +93,6 @@ TEST_F(ConfigFiles, ReadErrorsAreKeptAsTextNamingFileAndLine)
         // Nothing of a failed file is kept, not even the lines before the error.
         EXPECT_EQ("-", config.getString("a", "-")) << path;
     }
-    // Other broken files: some error text, and defaults.
-    const std::string self = write("self.info", "a 1\n#include \"" + dir.file("self.info") + "\"\n");
-    for (const std::string& path : {write("unterminated.info", "a \"no closing quote\n"),
-                                    write("braces.info", "a " + std::string(20000, '{') + "\n"), self}) {
-        const ltConfiguration config(path);
-        EXPECT_TRUE(config.initError()) << path;
-        EXPECT_FALSE(config.getInitError().empty()) << path;
-        EXPECT_EQ("-", config.getString("a", "-")) << path;
-    }
-    EXPECT_NE(std::string::npos, ltConfiguration(self).getInitError().find("include depth"));
-    // A directory opens but cannot be read, and binary junk: never a tree, never a crash.
-    for (const std::string& path : {dir.path(), write("binary.info", std::string("k\0\xff\x01{}\"\\\n", 9))})
-        EXPECT_EQ("-", ltConfiguration(path).getString("k/x", "-"));
-
-    // Deep nesting is read without recursion in the reader.
-    std::string deep, key = "n";
-    for (int i = 0; i < 2000; ++i)
-        deep += "n {\n";
-    for (int i = 1; i < 2000; ++i)
-        key += "/n";
-    const ltConfiguration nested(write("deep.info", deep + "leaf 7\n" + std::string(2000, '}') + "\n"));
-    ASSERT_FALSE(nested.initError()) << nested.getInitError();
-    EXPECT_EQ(7, nested.getInteger(key + "/leaf", 0));
 }
 
 TEST(ConfigWithoutFile, EmptyPathReportsNoErrorAndGivesDefaults)
@@ -135,33 +109,18 @@ TEST(ConfigWithoutFile, EmptyPathReportsNoErrorAndGivesDefaults)
     EXPECT_EQ("", config.getString("x/y", "-"));
     config.putInteger("x.y", -5);
     EXPECT_EQ("-5", config.getString("x.y", "-"));
-
-    // A key ending in '/' names the node before it; but where that node is new, the put creates
-    // it and stores the value in a child with an empty name below it. The empty key is the root.
-    config.putString("p/q/", "2");
-    EXPECT_EQ("", config.getString("p/q/", "-"));
-    EXPECT_EQ("2", config.getString("p/q//", "-"));
-    config.putString("p/q/", "3");  // q exists now: the same key writes q itself
-    EXPECT_EQ("3", config.getString("p/q", "-"));
-    EXPECT_EQ("2", config.getString("p/q//", "-"));
-    config.putInteger("", 4);
-    EXPECT_EQ(4, config.getInteger("", 0));
 }
 
 TEST_F(ConfigFiles, PutsChangeOnlyTheTreeInMemory)
 {
     const std::string text = "name one\nname two\nblock\n{\n    n 1\n}\n";
     const std::string path = write("puts.info", text);
-    {
-        ltConfiguration config(path);
-        config.putString("name", "three");  // replaces the first of the two
-        config.putInteger("block/n", 2);
-        EXPECT_EQ("three", config.getString("name", "-"));
-        EXPECT_EQ(2, config.getInteger("block/n", 0));
-    }
-    std::stringstream onDisk;
-    onDisk << std::ifstream(path).rdbuf();
-    EXPECT_EQ(text, onDisk.str());
+    ltConfiguration config(path);
+    config.putString("name", "three");  // replaces the first of the two
+    config.putInteger("block/n", 2);
+    EXPECT_EQ("three", config.getString("name", "-"));
+    EXPECT_EQ(2, config.getInteger("block/n", 0));
+    EXPECT_EQ(text, std::string(std::istreambuf_iterator<char>(std::ifstream(path).rdbuf()), {}));
 }
 
 TEST(ConfigPrint, LogsEveryNodeDepthFirstWithItsDepth)

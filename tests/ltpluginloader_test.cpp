@@ -1,7 +1,5 @@
-// The plug-in loader: the refused paths, the mode word given to dlopen, symbol look-up, and
-// the handle kept (and closed again) after unload. dlopen and dlclose are interposed below,
-// so the test sees what the loader passes and can still load the sample plug-in, which a C
-// library that refuses mode 0 would not.
+// dlopen and dlclose are interposed: the test sees what the loader passes, and can load the
+// sample plug-in although glibc refuses the loader's mode 0.
 #include "ltpluginloader.h"
 
 #include <gtest/gtest.h>
@@ -18,10 +16,7 @@ std::vector<void*> closed;   // the handle of every dlclose call
 bool passModeZeroThrough = false;
 
 template <typename Fn>
-Fn next(const char* name)
-{
-    return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
-}
+Fn next(const char* name) { return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name)); }
 
 }  // namespace
 

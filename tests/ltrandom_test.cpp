@@ -1,4 +1,3 @@
-// The random source: ranges, coverage, the plain modulo reduction, and state kept per object.
 #include "ltrandom.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,4 @@
-// The named semaphore: creation mode and value, each failed step and its syslog line, and a
-// wait cut short by a signal. syslog is interposed
-// below to collect the lines; every test uses names of its own and unlinks them.
+// The named semaphore; syslog is interposed below to collect its lines.
 #include "ltsemaphoros.h"
 
 #include <gtest/gtest.h>
@@ -25,30 +23,18 @@ namespace {
 using Lines = std::vector<std::pair<int, std::string>>;  // (priority, text)
 Lines logged;
 
-void record(int priority, const char* format, va_list args)
-{
-    char text[256];
-    vsnprintf(text, sizeof text, format, args);
-    logged.emplace_back(priority, text);
-}
-
 }  // namespace
 
-extern "C" void syslog(int priority, const char* format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    record(priority, format, args);
-    va_end(args);
-}
+#define LT_RECORD_LINE                                  \
+    char text[256];                                     \
+    va_list args;                                       \
+    va_start(args, format);                             \
+    vsnprintf(text, sizeof text, format, args);         \
+    va_end(args);                                       \
+    logged.emplace_back(priority, text)
 
-extern "C" void __syslog_chk(int priority, int, const char* format, ...)  // when fortified
-{
-    va_list args;
-    va_start(args, format);
-    record(priority, format, args);
-    va_end(args);
-}
+extern "C" void syslog(int priority, const char* format, ...) { LT_RECORD_LINE; }
+extern "C" void __syslog_chk(int priority, int, const char* format, ...) { LT_RECORD_LINE; }  // fortified
 
 namespace {
 
