@@ -1,12 +1,14 @@
-//===- crypto_test_support.h - Files, commands and keys for the crypto tests -===//
-//
-// The crypto and encoding tests use the openssl command-line tool as their peer: they write
-// files into a private temporary directory, run openssl on them and compare bytes. The RSA
-// tests write key files at the fixed key paths inside a private mount namespace.
-//
-//===----------------------------------------------------------------------===//
+// Shared by the tests that work on files: a temporary directory, byte files, the openssl tool
+// as a peer, open descriptors, the debug line format, and a private RSA key folder.
 #ifndef CRYPTO_TEST_SUPPORT_H
 #define CRYPTO_TEST_SUPPORT_H
+
+#include <dirent.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cctype>
 #include <cerrno>
@@ -20,37 +22,12 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
-#include <sched.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 namespace crypto_test {
 
 using Bytes = std::vector<unsigned char>;
-
-// A fresh directory under TMPDIR (or /tmp), removed with its contents at the end.
-class TempDir {
-public:
-    TempDir()
-    {
-        const char* base = std::getenv("TMPDIR");
-        path_ = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/ltcrypto-XXXXXX";
-        if (mkdtemp(&path_[0]) == nullptr)
-            throw std::runtime_error("mkdtemp failed");
-    }
-    ~TempDir() { (void)std::system(("rm -rf '" + path_ + "'").c_str()); }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    const std::string& path() const { return path_; }
-    std::string file(const std::string& name) const { return path_ + "/" + name; }
-
-private:
-    std::string path_;
-};
 
 inline Bytes readFile(const std::string& path)
 {
@@ -64,53 +41,75 @@ inline void writeFile(const std::string& path, const Bytes& data)
         .write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
 }
 
-inline void writeFile(const std::string& path, const std::string& text)
-{
-    writeFile(path, Bytes(text.begin(), text.end()));
-}
+inline void writeFile(const std::string& path, const std::string& text) { writeFile(path, Bytes(text.begin(), text.end())); }
 
-// Runs a shell command; returns its exit status (-1 when it did not exit normally) and
-// appends its standard output to *output when given.
+// A fresh directory under TMPDIR (or /tmp), removed with its contents at the end.
+class TempDir {
+public:
+    TempDir()
+    {
+        const char* base = std::getenv("TMPDIR");
+        path_ = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/lttest-XXXXXX";
+        if (mkdtemp(&path_[0]) == nullptr)
+            throw std::runtime_error("mkdtemp failed");
+    }
+    ~TempDir() { (void)std::system(("rm -rf '" + path_ + "'").c_str()); }
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return path_; }
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
+    std::string put(const std::string& name, const std::string& text) const  // returns the path
+    {
+        return writeFile(file(name), text), file(name);
+    }
+
+private:
+    std::string path_;
+};
+
+// A shell command's exit status (-1 if it did not exit); its output is appended to *output.
 inline int runCommand(const std::string& command, std::string* output = nullptr)
 {
     FILE* pipe = popen(command.c_str(), "r");
     if (pipe == nullptr)
         return -1;
     char chunk[4096];
-    size_t got;
-    while ((got = std::fread(chunk, 1, sizeof chunk, pipe)) > 0) {
+    for (size_t got; (got = std::fread(chunk, 1, sizeof chunk, pipe)) > 0;)
         if (output != nullptr)
             output->append(chunk, got);
-    }
     const int status = pclose(pipe);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// True when captured has, at the start of a line, "<file>:<line>:<func>(): <message>": the
-// debug output's prefix with the source base name and the given function name.
+inline bool haveOpenssl() { return runCommand("openssl version >/dev/null 2>&1") == 0; }
+
+inline int openDescriptors()
+{
+    int n = 0;
+    if (DIR* d = opendir("/proc/self/fd")) {
+        while (readdir(d) != nullptr)
+            ++n;
+        closedir(d);
+    }
+    return n;
+}
+
+// True when a line of captured reads "<file>:<line>:<func>(): <message>".
 inline bool hasDebugLine(const std::string& captured, const std::string& file,
                          const std::string& func, const std::string& message)
 {
     const std::string rest = ":" + func + "(): " + message;
-    for (size_t at = captured.find(file + ":"); at != std::string::npos;
-         at = captured.find(file + ":", at + 1)) {
+    for (size_t at = captured.find(file + ":"); at != std::string::npos; at = captured.find(file + ":", at + 1)) {
         size_t end = at + file.size() + 1;
         const size_t digits = end;
         while (end < captured.size() && std::isdigit(static_cast<unsigned char>(captured[end])))
             ++end;
-        if ((at == 0 || captured[at - 1] == '\n') && end > digits &&
-            captured.compare(end, rest.size(), rest) == 0)
+        if ((at == 0 || captured[at - 1] == '\n') && end > digits && captured.compare(end, rest.size(), rest) == 0)
             return true;
     }
     return false;
 }
 
-inline bool haveOpenssl()
-{
-    return runCommand("openssl version >/dev/null 2>&1") == 0;
-}
-
-// Deterministic pseudo-random bytes.
 inline Bytes randomBytes(size_t size, uint32_t seed)
 {
     std::mt19937 generator(seed);
@@ -124,34 +123,24 @@ inline std::string hexOf(const unsigned char* data, size_t size)
 {
     static const char kDigits[] = "0123456789abcdef";
     std::string out;
-    for (size_t i = 0; i < size; ++i) {
-        out += kDigits[data[i] >> 4];
-        out += kDigits[data[i] & 15];
-    }
+    for (size_t i = 0; i < size; ++i)
+        out += {kDigits[data[i] >> 4], kDigits[data[i] & 15]};
     return out;
 }
 
-
-// The fixed folder ltrsa reads its key files from.
-inline const std::string kKeyDir = "/usr/local/configuration/keys";
-
-inline bool writeProcFile(const char* path, const std::string& text)
-{
-    std::ofstream file(path);
-    file << text << std::flush;
-    return file.good();
-}
+inline const std::string kKeyDir = "/usr/local/configuration/keys";  // where ltrsa looks
 
 // In a child: a private mount namespace (a user namespace of its own without root) where an
 // empty tmpfs hides kKeyDir, or its nearest existing parent. Returns "" or why it failed.
 inline std::string makePrivateKeyDir()
 {
-    const uid_t uid = geteuid();
-    const gid_t gid = getegid();
-    if (uid != 0) {
+    auto writeProcFile = [](const char* path, const std::string& text) {
+        return static_cast<bool>(std::ofstream(path) << text << std::flush);
+    };
+    if (const uid_t uid = geteuid(); uid != 0) {
         if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0 || !writeProcFile("/proc/self/setgroups", "deny") ||
             !writeProcFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
-            !writeProcFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1"))
+            !writeProcFile("/proc/self/gid_map", "0 " + std::to_string(getegid()) + " 1"))
             return std::string("user namespace: ") + std::strerror(errno);
     } else if (unshare(CLONE_NEWNS) != 0) {
         return std::string("unshare(CLONE_NEWNS): ") + std::strerror(errno);

@@ -3,9 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <initializer_list>
 #include <map>
+#include <utility>
 #include <vector>
 
 #include "lfcutil.h"
@@ -38,9 +41,9 @@ Refs contents(const lfcVector& v)
 TEST(CountedBlocks, CounterFollowsEveryLiveBlockAndIgnoresForeignOnes)
 {
     const int32_t base = lfcUtilMallocUsed;
-    EXPECT_EQ(nullptr, lfcUtil::malloc(0));
-    EXPECT_EQ(nullptr, lfcUtil::calloc(0, 5));
-    EXPECT_EQ(nullptr, lfcUtil::strdup(nullptr));
+    for (void* none : {lfcUtil::malloc(0), lfcUtil::calloc(0, 5), static_cast<void*>(lfcUtil::strdup(nullptr)),
+                       lfcUtil::calloc(65536, 65536)})  // the last product wraps to 0: kept, no check
+        EXPECT_EQ(nullptr, none);
     void* a = lfcUtil::malloc(10);
     auto* zeros = static_cast<unsigned char*>(lfcUtil::calloc(3, 4));
     char* s = lfcUtil::strdup("tuner");
@@ -60,7 +63,7 @@ TEST(CountedBlocks, CounterFollowsEveryLiveBlockAndIgnoresForeignOnes)
     lfcUtil::free(s);
     EXPECT_EQ(base, lfcUtilMallocUsed);
 
-    EXPECT_EQ(-1, lfcUtil::strcmp(nullptr, "a"));
+    EXPECT_TRUE(lfcUtil::strcmp(nullptr, "a") == -1 && lfcUtil::strcmp("a", nullptr) == -1);
     EXPECT_GT(lfcUtil::strcmp("hdmi", "dvbt"), 0);
 }
 
@@ -87,6 +90,12 @@ TEST(VectorGrowth, GrowsLinearlyAndCountsItsArray)
     EXPECT_EQ(2, small.capacity);
     fill(small, {0, 1, 2});
     EXPECT_EQ(4, small.capacity);
+    // Growth beyond what the counted allocator takes fails and changes nothing.
+    EXPECT_EQ(-ENOMEM, small.expandTo(INT_MAX));
+    EXPECT_EQ(3, small.getSize());
+    lfcVector never(INT_MAX, INT_MAX);  // no array, and every growth step is too big
+    EXPECT_EQ(-ENOMEM, never.add(objects[0]));
+    EXPECT_EQ(0, never.getSize());
 }
 
 TEST(VectorInsert, BelowSizeIntoAFullVectorKeepsCapacityAndEveryEntry)
@@ -122,12 +131,12 @@ TEST(VectorRemoval, CutsAtTheEndAndRejectsEmptyRanges)
 {
     lfcVector v;
     Refs model = fill(v, {0, 1, 2, 3, 4, 1});  // a duplicate: remove(object) takes the first
-    EXPECT_EQ(-1, v.remove(1, 0));
-    EXPECT_EQ(-1, v.remove(-1, 1));
-    EXPECT_EQ(-1, v.remove(6, 1));
+    for (auto [at, n] : {std::pair{1, 0}, {-1, 1}, {6, 1}, {INT_MAX, 1}})
+        EXPECT_EQ(-1, v.remove(at, n)) << at << ", " << n;
     EXPECT_EQ(-1, v.remove(objects[40]));
     EXPECT_EQ(0, v.remove(objects[1]));
-    EXPECT_EQ(0, v.remove(2, 10));  // cut to the end
+    EXPECT_EQ(0, v.remove(3, INT_MAX));  // cut to the end
+    EXPECT_EQ(0, v.remove(2, 10));
     EXPECT_EQ((Refs{&objects[0], &objects[2]}), contents(v));
 
     EXPECT_EQ(-1, v.replace(objects[9], 2));  // index == size

@@ -1,6 +1,7 @@
 //===- ltbase64_test.cpp - Both base64 routes against openssl base64 ------===//
 #include "ltbase64.h"
 
+#include <climits>
 #include <memory>
 #include <string>
 #include <vector>
@@ -25,20 +26,17 @@ protected:
     {
         writeFile(dir.file("data"), data);
         std::string text;
-        EXPECT_EQ(0, runCommand("openssl base64 " + std::string(oneLine ? "-A " : "") + "-in " +
-                                    dir.file("data") + " 2>/dev/null",
-                                &text));
+        EXPECT_EQ(0, runCommand("openssl base64 " + std::string(oneLine ? "-A " : "") + "-in " + dir.file("data") +
+                                    " 2>/dev/null", &text));
         return text;
     }
     TempDir dir;
 };
 
-const size_t kSizes[] = {1, 2, 3, 4, 47, 48, 49, 95, 96, 97, 1000, 100000};
-
 // Both pointer routes against openssl's line-broken text, across the 48-byte line boundary.
 TEST_F(Base64Interop, PointerRoutesMatchOpensslsLineBrokenText)
 {
-    for (size_t size : kSizes) {
+    for (size_t size : {1, 2, 3, 4, 47, 48, 49, 95, 96, 97, 1000, 100000}) {
         SCOPED_TRACE(size);
         const Bytes data = randomBytes(size, static_cast<uint32_t>(size));
         const std::string expected = opensslEncode(data, /*oneLine=*/false);
@@ -89,25 +87,35 @@ TEST(Base64VectorDecode, StopsAtPaddingWhitespaceAndStrangers)
         ltBase64().decode(text, out);
         return std::string(out.begin(), out.end());
     };
-    EXPECT_EQ("abc", decoded("YWJj"));
-    EXPECT_EQ("ab", decoded("YWI="));
-    EXPECT_EQ("a", decoded("YQ"));
-    EXPECT_EQ("a", decoded("YQ=="));
-    EXPECT_EQ("a", decoded("YW Jj"));        // a blank ends it, leaving the tail "YW"
-    EXPECT_EQ("abc", decoded("YWJj\nYWJj"));  // so does a line break
-    EXPECT_EQ("abc", decoded("YWJj-YWJj"));   // and a character of another alphabet
-    EXPECT_EQ("ab", decoded("YWI=YWJj"));     // nothing after padding counts
-    EXPECT_EQ("", decoded("Y"));
-    EXPECT_EQ("", decoded(""));
-    EXPECT_EQ("", decoded("=YWJj"));
-    EXPECT_EQ(std::string("\xfb\xff\xbf", 3), decoded("+/+/"));
+    const std::pair<const char*, std::string> cases[] = {
+        {"YWJj", "abc"}, {"YWI=", "ab"}, {"YQ", "a"}, {"YQ==", "a"},
+        {"YW Jj", "a"},          // a blank ends it, leaving the tail "YW"
+        {"YWJj\nYWJj", "abc"},   // so does a line break
+        {"YWJj-YWJj", "abc"},    // and a character of another alphabet
+        {"YWI=YWJj", "ab"},      // nothing after padding counts
+        {"Y", ""}, {"", ""}, {"=YWJj", ""}, {"\xffYWJj", ""}, {"+/+/", "\xfb\xff\xbf"},
+    };
+    for (const auto& [text, bytes] : cases)
+        EXPECT_EQ(bytes, decoded(text)) << text;
+    EXPECT_EQ(size_t{3} << 18, decoded(std::string(1 << 20, 'A')).size());  // a megabyte of one line
 }
 
-// Text the filter cannot read decodes to nothing, and the zeroed buffer is still the caller's.
-// (Null and empty arguments: see badinput_test.cpp.)
-TEST(Base64PointerDecode, UnreadableTextHandsOverAZeroedBuffer)
+// Null, empty and oversized arguments are refused and leave the output pointer alone; text
+// the filter cannot read decodes to nothing, and the zeroed buffer is still the caller's.
+TEST(Base64PointerRoutes, RefuseBadArgumentsAndHandOverAZeroedBufferForGarbage)
 {
-    unsigned char* out = nullptr;
+    const unsigned char data[3] = {'a', 'b', 'c'};
+    char* text = reinterpret_cast<char*>(0x1);
+    unsigned char* out = reinterpret_cast<unsigned char*>(0x1);
+    const int refused[] = {ltBase64().encode(nullptr, 3, &text), ltBase64().encode(data, 0, &text),
+                           ltBase64().encode(data, 0x80000000u, &text), ltBase64().decode(nullptr, 4, &out),
+                           ltBase64().decode("YWJj", 0, &out), ltBase64().decode("YWJj", UINT_MAX, &out)};
+    for (int r : refused)
+        EXPECT_EQ(-22, r);
+    EXPECT_EQ(reinterpret_cast<char*>(0x1), text);
+    EXPECT_EQ(reinterpret_cast<unsigned char*>(0x1), out);
+
+    out = nullptr;
     EXPECT_LE(ltBase64().decode("!!!!", 4, &out), 0);
     std::unique_ptr<unsigned char[]> owned(out);
     ASSERT_NE(nullptr, out);

@@ -1,6 +1,7 @@
 //===- ltcalendartime_test.cpp - Date and time validation, zone round trip ===//
 #include "ltcalendartime.h"
 
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -44,6 +45,8 @@ TEST(CalendarFields, EachFieldIsCheckedAndARejectionChangesNothing)
         {'d', 31, 4, 120, false}, {'d', 31, 12, 120, true}, {'d', 31, 8, 120, true}, {'d', 30, 9, 120, true},
         {'d', 1, 1, 0, true}, {'d', 0, 1, 120, false}, {'d', 32, 1, 120, false}, {'d', 1, 0, 120, false},
         {'d', 1, 13, 120, false}, {'d', 1, -11, 120, false}, {'d', 1, 1, -1, false},
+        {'d', 29, 2, INT_MAX, false}, {'d', INT_MIN, 1, 100, false}, {'d', 1, INT_MAX, 100, false},  // no overflow
+        {'t', INT_MIN, 0, 0, false}, {'t', 0, INT_MAX, 0, false},
         {'t', 23, 59, 61, true}, {'t', 0, 0, 60, true}, {'t', 12, 30, 59, true}, {'t', 24, 0, 0, false},
         {'t', -1, 0, 0, false}, {'t', 0, 60, 0, false}, {'t', 0, -1, 0, false}, {'t', 0, 0, 62, false},
     };

@@ -3,10 +3,12 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <iterator>
 
 #include <gtest/gtest.h>
+#include <openssl/evp.h>
 
 #include "crypto_test_support.h"
 #include "csp_osal.h"
@@ -25,23 +27,18 @@ namespace {
 constexpr int kVolume = 0;  // the stand-in file layer's one volume
 const std::string kPassword = "correct horse \"battery\" $HOME 'staple'";
 
-using FileCall = std::function<int(const std::string& password, const std::string& in,
-                                   const std::string& out)>;
-
-// The two families of entry points, as one shape.
-struct Family {
+using FileCall = std::function<int(const std::string& password, const std::string& in, const std::string& out)>;
+struct Family {  // the descriptor and the file-layer entry points
     const char* name;
     FileCall encrypt;
     FileCall decrypt;
 };
 
-ltcrypt crypto;  // stateless: one object serves every test
+ltcrypt crypto;
 const Family kFamilies[] = {
-    {"descriptors",
-     [](auto& pw, auto& in, auto& out) { return crypto.encryptFile(pw, in, out); },
+    {"descriptors", [](auto& pw, auto& in, auto& out) { return crypto.encryptFile(pw, in, out); },
      [](auto& pw, auto& in, auto& out) { return crypto.decryptFile(pw, in, out); }},
-    {"file layer",
-     [](auto& pw, auto& in, auto& out) { return crypto.encryptFile(pw, kVolume, in, kVolume, out); },
+    {"file layer", [](auto& pw, auto& in, auto& out) { return crypto.encryptFile(pw, kVolume, in, kVolume, out); },
      [](auto& pw, auto& in, auto& out) { return crypto.decryptFile(pw, kVolume, in, kVolume, out); }},
 };
 
@@ -50,11 +47,9 @@ bool isPrefixOf(const Bytes& head, const Bytes& whole)
     return head.size() <= whole.size() && std::equal(head.begin(), head.end(), whole.begin());
 }
 
-
 // The header, then PKCS#7 always adds 1..16 bytes.
 size_t encryptedSize(size_t plainSize) { return 16 + (plainSize / 16 + 1) * 16; }
 
-// A private directory, and openssl enc with the password handed over in a file.
 class SaltedFiles : public ::testing::Test {
 protected:
     void SetUp() override
@@ -66,8 +61,8 @@ protected:
     std::string path(const std::string& name) const { return dir.file(name); }
     bool openssl(const std::string& args)
     {
-        return runCommand("openssl enc -aes-256-cbc -md md5 -pass file:" + path("pass") + " " +
-                          args + " 2>/dev/null") == 0;
+        return runCommand("openssl enc -aes-256-cbc -md md5 -pass file:" + path("pass") + " " + args +
+                          " 2>/dev/null") == 0;
     }
     void fresh(const std::string& name) { (void)unlink(path(name).c_str()); }  // start empty
     TempDir dir;
@@ -99,41 +94,34 @@ TEST_F(SaltedFiles, OpensslAgreesBothWaysAtEveryChunkBoundary)
     }
 }
 
-TEST_F(SaltedFiles, SaltIsTheClockReadingAtEncryption)
+// The salt is the clock reading at encryption: nanoseconds and the low word of the seconds,
+// little-endian.
+TEST_F(SaltedFiles, SaltIsTheClockReading)
 {
-    // Nanoseconds since an epoch, from the salt's two little-endian words or from a reading.
     auto word = [](const unsigned char* p) {
         return uint64_t{p[0]} | uint64_t{p[1]} << 8 | uint64_t{p[2]} << 16 | uint64_t{p[3]} << 24;
     };
-    auto saltStamp = [&](const unsigned char* s) { return word(s + 4) * 1000000000u + word(s); };
-    auto stampOf = [](const cspOsalTime_t& t) {
-        return uint64_t{uint32_t(t.sec)} * 1000000000u + uint32_t(t.nsec);
-    };
-
-    cspOsalTime_t before, after;
-    unsigned char salt[ltcrypt::kSaltSize];
-    cspOsalGetTime(&before);
-    EXPECT_EQ(0, crypto.getSalt(salt));
-    cspOsalGetTime(&after);
-    EXPECT_LE(stampOf(before), saltStamp(salt));
-    EXPECT_LE(saltStamp(salt), stampOf(after));
-
+    auto stamp = [](const cspOsalTime_t& t) { return uint64_t{uint32_t(t.sec)} * 1000000000u + uint32_t(t.nsec); };
     writeFile(path("plain"), std::string("some text"));
-    for (const Family& family : kFamilies) {
-        SCOPED_TRACE(family.name);
-        fresh("enc");
+    for (int i = 0; i < 3; ++i) {  // getSalt, then each family's encryptFile
+        cspOsalTime_t before, after;
+        unsigned char salt[ltcrypt::kSaltSize];
         cspOsalGetTime(&before);
-        ASSERT_EQ(0, family.encrypt(kPassword, path("plain"), path("enc")));
+        if (i == 0) {
+            EXPECT_EQ(0, crypto.getSalt(salt));
+        } else {
+            ASSERT_EQ(0, kFamilies[i - 1].encrypt(kPassword, path("plain"), path("enc")));
+            std::memcpy(salt, &readFile(path("enc")).at(8), sizeof salt);
+        }
         cspOsalGetTime(&after);
-        const Bytes encrypted = readFile(path("enc"));
-        ASSERT_EQ(32u, encrypted.size());
-        EXPECT_LE(stampOf(before), saltStamp(&encrypted[8]));
-        EXPECT_LE(saltStamp(&encrypted[8]), stampOf(after));
+        const uint64_t at = word(salt + 4) * 1000000000u + word(salt);
+        EXPECT_TRUE(stamp(before) <= at && at <= stamp(after)) << i;
     }
 }
 
-// Outputs are opened without truncation: a longer existing file keeps its tail.
-TEST_F(SaltedFiles, LongerExistingOutputKeepsItsTail)
+// Outputs are opened without truncation: a longer existing file keeps its tail. A read error
+// ends the input like the end of the file: a directory reads as empty.
+TEST_F(SaltedFiles, LongerExistingOutputKeepsItsTailAndUnreadableInputIsEmpty)
 {
     const Bytes old(10000, 'Z');
     const Bytes plain = randomBytes(100, 7);
@@ -149,36 +137,39 @@ TEST_F(SaltedFiles, LongerExistingOutputKeepsItsTail)
         const size_t written = encryptedSize(plain.size());
         ASSERT_EQ(old.size(), encrypted.size());
         EXPECT_TRUE(std::equal(encrypted.begin() + written, encrypted.end(), &old[written]));
-        encrypted.resize(written);  // what openssl gets to read
+        encrypted.resize(written);
         writeFile(path("enc"), encrypted);
-        ASSERT_TRUE(openssl("-d -in " + path("enc") + " -out " + path("back")));
-        EXPECT_TRUE(readFile(path("back")) == plain);
 
         writeFile(path("back"), old);
         ASSERT_EQ(0, family.decrypt(kPassword, path("enc"), path("back")));
         EXPECT_TRUE(readFile(path("back")) == plainThenOld);
+
+        fresh("enc");
+        ASSERT_EQ(0, family.encrypt(kPassword, dir.path(), path("enc")));
+        ASSERT_TRUE(openssl("-d -in " + path("enc") + " -out " + path("empty")));
+        EXPECT_TRUE(readFile(path("empty")).empty());
     }
     writeFile(path("copy"), old);
     ASSERT_EQ(0, crypto.copyFile(path("plain"), path("copy")));
     EXPECT_TRUE(readFile(path("copy")) == plainThenOld);
+    EXPECT_EQ(0, crypto.copyFile(dir.path(), path("copy")));
+    EXPECT_TRUE(readFile(path("copy")) == plainThenOld);  // opened, nothing written
 }
 
 // Only a negative final result is an error: a last block that does not decrypt is left out,
-// silently, and the call succeeds.
-TEST_F(SaltedFiles, UndecryptableFinalBlockIsDroppedSilently)
+// silently, and the call succeeds. So is a file cut anywhere after its magic: a short salt is
+// read as zero-padded, a cut body gives a prefix of the plain text.
+TEST_F(SaltedFiles, UndecryptableOrCutFinalBlockIsDroppedSilently)
 {
     const Bytes plain = randomBytes(5000, 11);
     writeFile(path("plain"), plain);
     // With a given salt openssl writes the bare ciphertext; a fixed salt fixes the outcome of
     // the wrong password below (its last block never shows valid padding).
     ASSERT_TRUE(openssl("-S 0011223344556677 -in " + path("plain") + " -out " + path("body")));
-    Bytes encrypted = {'S',  'a',  'l',  't',  'e',  'd',  '_',  '_',
-                       0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77};
+    Bytes encrypted = {'S', 'a', 'l', 't', 'e', 'd', '_', '_', 0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77};
     const Bytes body = readFile(path("body"));
     encrypted.insert(encrypted.end(), body.begin(), body.end());
     writeFile(path("enc"), encrypted);
-    writeFile(path("cut"), Bytes(encrypted.begin(), encrypted.end() - 5));
-    writeFile(path("header"), Bytes(encrypted.begin(), encrypted.begin() + 16));
 
     for (const Family& family : kFamilies) {
         SCOPED_TRACE(family.name);
@@ -186,36 +177,20 @@ TEST_F(SaltedFiles, UndecryptableFinalBlockIsDroppedSilently)
         testing::internal::CaptureStderr();
         EXPECT_EQ(0, family.decrypt("not the password", path("enc"), path("back")));
         EXPECT_EQ("", testing::internal::GetCapturedStderr());
-        Bytes back = readFile(path("back"));
+        const Bytes back = readFile(path("back"));
         EXPECT_EQ(body.size() - 16, back.size());  // every block but the last, as garbage
         EXPECT_FALSE(isPrefixOf(back, plain));
 
-        fresh("back");
-        EXPECT_EQ(0, family.decrypt(kPassword, path("cut"), path("back")));
-        back = readFile(path("back"));
-        EXPECT_LT(back.size(), plain.size());
-        EXPECT_TRUE(isPrefixOf(back, plain));
-
-        fresh("back");
-        EXPECT_EQ(0, family.decrypt(kPassword, path("header"), path("back")));
-        EXPECT_TRUE(readFile(path("back")).empty());
+        for (size_t cut : {0u, 7u, 8u, 12u, 16u, 40u, 2000u, 5000u}) {
+            writeFile(path("cut"), Bytes(encrypted.begin(), encrypted.begin() + static_cast<long>(cut)));
+            fresh("back");
+            EXPECT_EQ(cut < 8 ? -2 : 0, family.decrypt(kPassword, path("cut"), path("back"))) << cut;
+            const Bytes got = readFile(path("back"));
+            EXPECT_TRUE(isPrefixOf(got, plain)) << cut;
+            const size_t body = cut < 16 ? 0 : cut - 16;  // a last whole block is held back for its padding
+            EXPECT_EQ(body % 16 == 0 ? std::max<size_t>(body, 16) - 16 : body / 16 * 16, got.size()) << cut;
+        }
     }
-}
-
-// Read errors end the input as the end of the file does: a directory encrypts and copies as
-// if it were empty.
-TEST_F(SaltedFiles, UnreadableInputCountsAsEmpty)
-{
-    for (const Family& family : kFamilies) {
-        SCOPED_TRACE(family.name);
-        fresh("enc");
-        ASSERT_EQ(0, family.encrypt(kPassword, dir.path(), path("enc")));
-        ASSERT_TRUE(openssl("-d -in " + path("enc") + " -out " + path("back")));
-        EXPECT_TRUE(readFile(path("back")).empty());
-    }
-    writeFile(path("copy"), std::string("x"));
-    EXPECT_EQ(0, crypto.copyFile(dir.path(), path("copy")));
-    EXPECT_EQ(1u, readFile(path("copy")).size());  // opened, nothing written
 }
 
 TEST_F(SaltedFiles, FailuresReturnTheirCodeAndLogTheStep)
@@ -234,11 +209,14 @@ TEST_F(SaltedFiles, FailuresReturnTheirCodeAndLogTheStep)
         const char* text;
     };
     const FileCall copy = [](auto&, auto& in, auto& out) { return crypto.copyFile(in, out); };
+    // The file layer's volume number does not change an open failure's code.
+    const FileCall otherVolume = [](auto& pw, auto& in, auto& out) { return crypto.decryptFile(pw, -1, in, 12345, out); };
     std::vector<Case> cases = {  // the descriptor encrypt's open failures throw: see below
         {"encryptFile", kFamilies[0].encrypt, path("plain"), "/dev/full", -2, "writing"},
         {"encryptFile", kFamilies[1].encrypt, missing, path("out"), -2, "opening infile"},
         {"encryptFile", kFamilies[1].encrypt, path("plain"), nowhere, -2, "opening outfile"},
         {"encryptFile", kFamilies[1].encrypt, path("plain"), "/dev/full", -2, "writing"},
+        {"decryptFile", otherVolume, missing, path("out"), -2, "opening infile"},
         {"copyFile", copy, missing, path("out"), -1, "opening infile"},
         {"copyFile", copy, path("plain"), nowhere, -1, "opening outfile"},
         {"copyFile", copy, path("plain"), "/dev/full", -1, "writing"},
@@ -267,6 +245,36 @@ TEST_F(SaltedFiles, FailuresReturnTheirCodeAndLogTheStep)
             EXPECT_TRUE(readFile(c.out).empty());
         }
     }
+}
+
+// Every call closes what it opened, whether it succeeds or its key set-up fails (here: no
+// provider may serve MD5 while the default properties ask for FIPS).
+TEST_F(SaltedFiles, CallsCloseTheirDescriptors)
+{
+    writeFile(path("plain"), randomBytes(100, 3));
+    ASSERT_EQ(0, crypto.encryptFile(kPassword, path("plain"), path("enc")));
+    const int held = openDescriptors();
+    for (const Family& family : kFamilies) {
+        EXPECT_EQ(0, family.encrypt(kPassword, path("plain"), path(family.name)));
+        EXPECT_EQ(0, family.decrypt(kPassword, path("enc"), path("back")));
+        EXPECT_EQ(held, openDescriptors()) << family.name;
+    }
+    EXPECT_EQ(0, crypto.copyFile(path("plain"), path("copy")));
+    EXPECT_EQ(held, openDescriptors()) << "copyFile";
+
+    ASSERT_EQ(1, EVP_set_default_properties(nullptr, "fips=yes"));
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    const int encrypted = crypto.encryptFile(kPassword, path("plain"), path("enc2"));
+    const int decrypted = crypto.decryptFile(kPassword, path("enc"), path("back"));
+    const std::string printed = testing::internal::GetCapturedStdout();
+    const std::string log = testing::internal::GetCapturedStderr();
+    ASSERT_EQ(1, EVP_set_default_properties(nullptr, ""));
+    EXPECT_EQ(-1, encrypted);
+    EXPECT_EQ(-1, decrypted);
+    EXPECT_EQ(held, openDescriptors());
+    EXPECT_EQ(0u, printed.find("Key size is ")) << printed;
+    EXPECT_TRUE(hasDebugLine(log, "ltcrypt.cpp", "decryptFile", "Couldn't initialize AES cipher.\n")) << log;
 }
 
 // The descriptor encryptFile lets a failed open escape as a const char* text.

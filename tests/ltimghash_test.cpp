@@ -48,7 +48,7 @@ TEST(ImageHash, AgreesWithOpensslAndCountsTheBytes)
 }
 
 // A failed step stays failed: a second finalize on the reset context fails and keeps the
-// digest of the first.
+// digest of the first; a failed update fails everything after it.
 TEST(ImageHash, FailureIsSticky)
 {
     ltimghash hash;
@@ -63,6 +63,12 @@ TEST(ImageHash, FailureIsSticky)
     // reset context takes no data).
     EXPECT_FALSE(hash.update(nullptr, 0));
     EXPECT_EQ(3u, hash.getByteCount());
+
+    ltimghash fresh;  // null data of some length fails the update, and that sticks too
+    EXPECT_TRUE(fresh.update(nullptr, 0));
+    EXPECT_FALSE(fresh.update(nullptr, 10));
+    EXPECT_FALSE(fresh.update(reinterpret_cast<const unsigned char*>("abc"), 3));
+    EXPECT_FALSE(fresh.finalize());
 }
 
 }  // namespace

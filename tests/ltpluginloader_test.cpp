@@ -1,7 +1,5 @@
-// The plug-in loader: the refused paths, the mode word given to dlopen, symbol look-up, and
-// the handle kept (and closed again) after unload. dlopen and dlclose are interposed below,
-// so the test sees what the loader passes and can still load the sample plug-in, which a C
-// library that refuses mode 0 would not.
+// dlopen and dlclose are interposed: the test sees what the loader passes, and can load the
+// sample plug-in although glibc refuses the loader's mode 0.
 #include "ltpluginloader.h"
 
 #include <gtest/gtest.h>
@@ -18,10 +16,7 @@ std::vector<void*> closed;   // the handle of every dlclose call
 bool passModeZeroThrough = false;
 
 template <typename Fn>
-Fn next(const char* name)
-{
-    return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
-}
+Fn next(const char* name) { return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name)); }
 
 }  // namespace
 
@@ -48,6 +43,8 @@ TEST(PluginLoader, RefusesWithoutAPathAndPassesModeZeroAsItStands)
     EXPECT_EQ(-1, loader.load());  // no path yet
     EXPECT_EQ(nullptr, loader.lookupSymbol("ltPluginSampleAnswer"));
     EXPECT_EQ(0, loader.setURI("/nonexistent/plugin.so"));
+    EXPECT_EQ(-1, loader.load());
+    EXPECT_EQ(0, loader.setURI(nullptr));  // forgets the path: no dlopen call
     EXPECT_EQ(-1, loader.load());
     passModeZeroThrough = true;  // glibc refuses mode 0: every real load fails here
     EXPECT_EQ(0, loader.setURI(LT_PLUGIN_SAMPLE_PATH));
@@ -77,6 +74,7 @@ TEST(PluginLoader, LoadsTheLatestPathOnceAndClosesTheKeptHandleOnEveryUnload)
         EXPECT_STREQ("sample plug-in",
                      static_cast<const char*>(loader.lookupSymbol("ltPluginSampleName")));
         EXPECT_EQ(nullptr, loader.lookupSymbol("noSuchSymbol"));
+        EXPECT_EQ(nullptr, loader.lookupSymbol(nullptr));
         EXPECT_EQ(-1, loader.load());  // already loaded
         EXPECT_EQ(0, loader.unload());
         EXPECT_TRUE(loader.isLoaded());  // the handle is kept after unload

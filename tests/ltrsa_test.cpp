@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -24,8 +25,7 @@ const std::string kDevelop = kKeyDir + "/develop.key";
 const std::string kProduction = kKeyDir + "/production.key";
 const std::string kAutoexec = kKeyDir + "/autoexec.key";
 // The block size is a constant expression, and also an exported object read through its address.
-constexpr int kBlock = ltrsa::LTSIGNATURE_SIZE;
-static_assert(kBlock == 256, "a 2048-bit modulus");
+constexpr int kBlock = ltrsa::LTSIGNATURE_SIZE;  // a 2048-bit modulus
 const int* const kExportedBlockSize = &ltrsa::LTSIGNATURE_SIZE;
 
 // Generates a key into <dir>/key<bits>.pem; returns its modulus in hexadecimal, or "".
@@ -53,32 +53,6 @@ protected:
     TempDir dir;
     std::string modulusHex;
 };
-
-// Each mode reads its own file; unknown modes read the production key. Only the expected
-// file is usable, so a wrong pick shows as a failed operation.
-TEST_F(RsaKeyFiles, ModeSelectsTheKeyFile)
-{
-    EXPECT_EQ(kBlock, *kExportedBlockSize);
-    const std::string usable = "E : 10001\nN : " + modulusHex + "\n";
-    const std::string unusable = "X : 1\n";
-    const struct {
-        int mode;
-        std::string path;
-    } cases[] = {{0, kDevelop}, {1, kProduction}, {3, kAutoexec},
-                 {2, kProduction}, {4, kProduction}, {-1, kProduction}};
-
-    runWithPrivateKeyDir([&] {
-        for (const auto& c : cases) {
-            SCOPED_TRACE("mode " + std::to_string(c.mode));
-            for (const std::string& path : {kDevelop, kProduction, kAutoexec})
-                writeFile(path, path == c.path ? usable : unusable);
-            ltrsa rsa(c.mode);
-            const Bytes in(kBlock, 0x11);
-            Bytes out(kBlock, 0);
-            EXPECT_TRUE(rsa.encryptSignature(in.data(), out.data()));
-        }
-    });
-}
 
 // Every accepted line replaces both numbers, so a file never yields both.
 TEST_F(RsaKeyFiles, LoadOrderKeepsOnlyTheLastLine)
@@ -122,24 +96,34 @@ TEST_F(RsaKeyFiles, LoadOrderKeepsOnlyTheLastLine)
         EXPECT_TRUE(out == one);
         EXPECT_FALSE(rsa.encryptSignature(ones.data(), out.data()));
         EXPECT_FALSE(rsa.decryptSignature(ones.data(), out.data()));
+        EXPECT_FALSE(rsa.decryptSignature(nullptr, out.data()));  // a valid key refuses null blocks
+        EXPECT_FALSE(rsa.encryptSignature(message.data(), nullptr));
     });
 }
 
-// What counts as a line: "%c : %550s" on pieces of at most 767 characters.
-TEST_F(RsaKeyFiles, LineFormatAndPieces)
+// Each mode reads its own file, unknown modes the production key; what counts as a line is
+// "%c : %550s" on pieces of at most 767 characters.
+TEST_F(RsaKeyFiles, ModeSelectsTheKeyFileAndItsLineFormat)
 {
+    EXPECT_EQ(kBlock, *kExportedBlockSize);
     const std::string smallModulusHex = generateKey(dir, 1024);
     ASSERT_FALSE(smallModulusHex.empty());
     const Bytes in(kBlock, 0x11);
+    const std::string usable = "E : 10001\nN : " + modulusHex + "\n";
+    const std::pair<int, std::string> modes[] = {{0, kDevelop}, {1, kProduction}, {3, kAutoexec},
+                                                 {2, kProduction}, {4, kProduction}, {-1, kProduction}};
 
     runWithPrivateKeyDir([&] {
         Bytes out(kBlock, 0);
+        for (const auto& [mode, file] : modes) {  // only the expected file is usable
+            for (const std::string& path : {kDevelop, kProduction, kAutoexec})
+                writeFile(path, path == file ? usable : "X : 1\n");
+            EXPECT_TRUE(ltrsa(mode).encryptSignature(in.data(), out.data())) << "mode " << mode;
+        }
         auto usableWith = [&](const std::string& file) {
             writeFile(kAutoexec, file);
             return ltrsa(3).encryptSignature(in.data(), out.data());
         };
-
-        EXPECT_TRUE(usableWith("E : 10001\nN : " + modulusHex + "\n"));
         EXPECT_TRUE(usableWith("E:10001\nN:" + modulusHex + "\n"));            // blanks optional
         EXPECT_TRUE(usableWith("E : 3\n# note\nN : " + modulusHex + " trailing\n"));
         EXPECT_FALSE(usableWith("E 10001\nN " + modulusHex + "\n"));          // no colon

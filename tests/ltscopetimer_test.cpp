@@ -16,9 +16,7 @@ namespace {
 timespec ts(long sec, long nsec)
 {
     timespec t{};
-    t.tv_sec = sec;
-    t.tv_nsec = nsec;
-    return t;
+    return t.tv_sec = sec, t.tv_nsec = nsec, t;
 }
 
 bool operator==(const timespec& a, const timespec& b) { return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec; }
@@ -67,18 +65,12 @@ TEST(ScopeTimerClock, DifferenceBorrowsOneSecond)
     EXPECT_TRUE(scopeElapsed(ts(3, 5), ts(3, 5)) == ts(0, 0));
 }
 
-// Remembers every duration it is given, on top of the usual bookkeeping.
-struct RecordingMeter : ltScopeMeter {
-    void scopeDurationMeasured(const timespec* d) override
-    {
-        ltScopeMeter::scopeDurationMeasured(d);
-        seen.push_back(*d);
-    }
-    std::vector<timespec> seen;
-};
-
 TEST(ScopeTimerReport, TimersReportOnceEachAndNoExceptionLeavesTheDestructor)
 {
+    struct RecordingMeter : ltScopeMeter {
+        void scopeDurationMeasured(const timespec* d) override { seen.push_back(*d); }
+        std::vector<timespec> seen;
+    };
     struct ThrowingMeter : ltScopeMeter {
         void scopeDurationMeasured(const timespec*) override { throw std::runtime_error("meter"); }
     } throwing;

@@ -1,6 +1,4 @@
-// The named semaphore: creation mode and value, each failed step and its syslog line, a wait
-// cut short by a signal, and a signal passed between two processes. syslog is interposed
-// below to collect the lines; every test uses names of its own and unlinks them.
+// The named semaphore; syslog is interposed below to collect its lines.
 #include "ltsemaphoros.h"
 
 #include <gtest/gtest.h>
@@ -10,7 +8,6 @@
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -26,30 +23,18 @@ namespace {
 using Lines = std::vector<std::pair<int, std::string>>;  // (priority, text)
 Lines logged;
 
-void record(int priority, const char* format, va_list args)
-{
-    char text[256];
-    vsnprintf(text, sizeof text, format, args);
-    logged.emplace_back(priority, text);
-}
-
 }  // namespace
 
-extern "C" void syslog(int priority, const char* format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    record(priority, format, args);
-    va_end(args);
-}
+#define LT_RECORD_LINE                                  \
+    char text[256];                                     \
+    va_list args;                                       \
+    va_start(args, format);                             \
+    vsnprintf(text, sizeof text, format, args);         \
+    va_end(args);                                       \
+    logged.emplace_back(priority, text)
 
-extern "C" void __syslog_chk(int priority, int, const char* format, ...)  // when fortified
-{
-    va_list args;
-    va_start(args, format);
-    record(priority, format, args);
-    va_end(args);
-}
+extern "C" void syslog(int priority, const char* format, ...) { LT_RECORD_LINE; }
+extern "C" void __syslog_chk(int priority, int, const char* format, ...) { LT_RECORD_LINE; }  // fortified
 
 namespace {
 
@@ -113,27 +98,6 @@ TEST(SemaphoreSignal, WaitInterruptedBySignalIsAFailure)
     setitimer(ITIMER_REAL, &off, nullptr);
     EXPECT_EQ(-1, result);
     EXPECT_EQ((Lines{{LOG_ERR, "ltSemaPhoros: Couldn't wait " + n.name}}), logged);
-}
-
-TEST(SemaphoreSignal, OneProcessWaitsUntilTheOtherPosts)
-{
-    UniqueName go("_go"), ack("_ack");
-    const pid_t child = fork();
-    ASSERT_NE(-1, child);
-    if (child == 0) {
-        alarm(10);  // a lost signal ends the child instead of hanging it
-        if (go.object().lock(O_CREAT) != 0)
-            _exit(1);
-        _exit(ack.object().unlock(O_CREAT) == 0 ? 0 : 2);
-    }
-    EXPECT_EQ(0, go.object().unlock(O_CREAT));  // whichever side comes first creates it
-    int status = 0;
-    ASSERT_EQ(child, waitpid(child, &status, 0));
-    ASSERT_TRUE(WIFEXITED(status)) << "child status " << status;
-    EXPECT_EQ(0, WEXITSTATUS(status));
-    EXPECT_EQ(0, go.value());            // the child took the post
-    EXPECT_EQ(0, ack.object().lock(0));  // and posted back
-    EXPECT_TRUE(logged.empty());
 }
 
 }  // namespace

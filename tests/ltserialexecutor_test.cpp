@@ -1,5 +1,3 @@
-// The serial executor: posting order, no two jobs at once, jobs posting jobs, and shutdown
-// that waits for the running job and drops the queued ones uncalled.
 #include "ltserialexecutor.h"
 
 #include <gtest/gtest.h>

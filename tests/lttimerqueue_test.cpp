@@ -1,5 +1,3 @@
-// The timer queue: sorted insertion with first-set-first-out ties, returned positions,
-// rescheduling, removal codes, expiry drains and the re-arming of repeating timers.
 #include "lttimerqueue.h"
 
 #include <gtest/gtest.h>
@@ -14,15 +12,8 @@ namespace {
 
 using TimerPtr = boost::shared_ptr<ltTimer>;
 
-_cspOsalTime_struct at(int64_t sec, int32_t nsec = 0)
-{
-    return _cspOsalTime_struct{sec, nsec};
-}
-
-bool later(const _cspOsalTime_struct& a, const _cspOsalTime_struct& b)
-{
-    return cspOsalCompareTime(&a, &b) > 0;
-}
+_cspOsalTime_struct at(int64_t sec, int32_t nsec = 0) { return _cspOsalTime_struct{sec, nsec}; }
+bool later(const _cspOsalTime_struct& a, const _cspOsalTime_struct& b) { return cspOsalCompareTime(&a, &b) > 0; }
 
 // Random sets, reschedules and removals against a model: a vector in expiry order where an
 // entry goes behind every entry due at the same time (first set, first out).
@@ -73,6 +64,8 @@ TEST(TimerQueueExpiry, RepeatingTimersSkipMissedPeriodsAndTheDrainEnds)
     ltTimerQueue queue;
     const _cspOsalTime_struct now = at(100);
     TimerPtr periodic, oneShot, exact, out;
+    EXPECT_EQ(-2, queue.removeTimer(out));  // an empty pointer is in no queue
+    EXPECT_FALSE(queue.isInQueue(out));
     queue.setTimer(periodic, at(96, 500000000), at(1));  // 3.5 s behind 'now'
     queue.setTimer(oneShot, at(99), at(-1, 500000000));  // minus half a second: one-shot
     queue.setTimer(exact, now, at(2, -1750000000));      // normalises to 0.25 s; due at 'now'
