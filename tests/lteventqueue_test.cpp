@@ -539,4 +539,73 @@ TEST(HandlerRemoval, HandlersLeavingDuringTheirOwnCall)
     EXPECT_EQ(1, queue.removeEventHandlers(0, 0, nullptr, true));
 }
 
+// ---- Opt-in: TTLs and lethal times measured from now ----------------------------------------
+
+int recordLethal(ltEventQueue&, ltEvent*, int reason, void* user)
+{
+    auto* rec = static_cast<Recorder*>(user);
+    rec->update([&] { rec->calls.push_back({"function", 0, reason, std::this_thread::get_id()}); });
+    return 1;
+}
+
+TEST(MonotonicTimeouts, TtlsAndLethalTimesRunFromNowWhereTheKeptOnesEndAtOnce)
+{
+    Road& road = newRoad();
+    Recorder& rec = *road.rec;
+    road.queue->useMonotonicTimeouts();
+    auto* dying = new Probe(rec, "mortal", key1Is(9), 0, goOn);
+    dying->setLethalTime(ltTime(1, 0));  // a duration from the add
+    ASSERT_NE(0u, road.queue->addEventHandler(dying));
+    ASSERT_NE(0u, road.queue->addEventHandlerFunction(recordLethal, key1Is(9), &rec, 1000, ltEventHandler::kOwnsMask));
+    road.run();
+    const auto start = std::chrono::steady_clock::now();
+    road.post(1, 1, 1000);  // matched by no handler: only its TTL ends it
+    road.queue->useMonotonicTimeouts(false);
+    road.post(1, 2, 1000);  // the kept behaviour: ended on the next pass
+    ASSERT_TRUE(road.waitDeleted(2));
+    {
+        std::lock_guard<std::mutex> lock(rec.m);
+        if (std::chrono::steady_clock::now() - start < std::chrono::milliseconds(900)) {  // unless stalled
+            EXPECT_EQ(0u, rec.eventsDeleted.count(1));
+            EXPECT_EQ(0, rec.countLocked("mortal", ltEventHandler::kReasonLethalTime));
+            EXPECT_EQ(0, rec.countLocked("function", ltEventHandler::kReasonLethalTime));
+        }
+    }
+    EXPECT_TRUE(rec.waitUntil([&] {
+        return rec.eventsDeleted.count(1) != 0 && rec.handlersDeleted.count("mortal") != 0 &&
+               rec.countLocked("function", ltEventHandler::kReasonLethalTime) == 1;
+    }));
+
+    // Any other kind of loop is given the wall-clock time at which the duration ends.
+    struct WallLoop : AppLoop {
+        std::vector<std::pair<timerFlags_t, ltTime>> added;
+        int doAddTimer(timerFlags_t f, const ltTime& first, const ltTime& period, ltTimerCallback cb,
+                       void* user) override
+        {
+            added.emplace_back(f, first);
+            return AppLoop::doAddTimer(f, first, period, cb, user);
+        }
+    } loop;
+    ltEventQueue queue(loop);
+    queue.useMonotonicTimeouts();
+    Recorder local;
+    const ltTime before = lt_internal::wallClockNow();
+    auto* e = new CountedEvent(local, 1, 3);
+    ASSERT_EQ(0, queue.post(*e, 2500));
+    auto* far = new Probe(local, "far", nullptr, ltEventHandler::kPersistent, goOn);
+    far->setLethalTime(ltTime(3, 0));
+    ASSERT_NE(0u, queue.addEventHandler(far));
+    const ltTime after = lt_internal::wallClockNow();
+    ASSERT_EQ(2u, loop.added.size());
+    const ltTime durations[] = {ltTime(2, 500000), ltTime(3, 0)};
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(timerAbsolute, loop.added[i].first);
+        EXPECT_TRUE(ltTimeNotAfter(ltTimeAdd(before, durations[i]), loop.added[i].second)) << i;
+        EXPECT_TRUE(ltTimeNotAfter(loop.added[i].second, ltTimeAdd(after, durations[i]))) << i;
+    }
+    loop.fire(loop.timerOf(e));
+    EXPECT_EQ(1, local.eventsDeleted[3]);
+    EXPECT_EQ(1, queue.removeEventHandlers(0, 0, far, true));
+}
+
 }  // namespace
