@@ -8,7 +8,7 @@
 #   make soak        the soak program under ASan/UBSan for SOAK_MINUTES (not in CI; CTest runs
 #                    a 20-second version)
 #   make fuzz        build the libFuzzer targets with clang and run each for FUZZ_SECONDS
-#   make install-check  install into a temporary prefix and build programs against it
+#   make install-check  install into a temporary prefix, build and run programs against it
 #   make test-arm    cross-build for armhf and run the whole suite under qemu-arm
 #   make check-exports  the exported names of both builds against the library's interface
 #   make abi-check   the binary interface of both builds against the baselines in abi/
