@@ -8,14 +8,14 @@
 #   make soak        the soak program under ASan/UBSan for SOAK_MINUTES (not in CI; CTest runs
 #                    a 20-second version)
 #   make fuzz        build the libFuzzer targets with clang and run each for FUZZ_SECONDS
-#   make install-check  install into a temporary prefix and build programs against it
+#   make install-check  install into a temporary prefix, build and run programs against it
 #   make test-arm    cross-build for armhf and run the whole suite under qemu-arm
 #   make check-exports  the exported names of both builds against the library's interface
 #   make abi-check   the binary interface of both builds against the baselines in abi/
 #   make abi-baseline  rewrite those baselines from both builds (a deliberate interface change)
 #   make docs        the API reference (Doxygen) in $(BUILD)/docs/html; warnings fail it
-#   make package     the Debian packages libtarvotools-mt and libtarvotools-mt-dev in $(BUILD)
-#   make package-check  install both packages, build a program against them, remove them
+#   make package     the Debian packages (runtime, -dev, stand-in, -doc, -dbgsym) in $(PKG_BUILD)
+#   make package-check  lintian, install the packages, build programs against them, remove them
 #   make bench       the benchmarks against Boost.Asio, libuv and uriparser (JSON in build-bench)
 #   make bench-report  run them and rewrite the figures and plot of docs/performance.md
 
@@ -170,25 +170,39 @@ docs: deps-docs
 	) | doxygen -
 	@echo "API reference: $(BUILD)/docs/html/index.html"
 
-# Debian packages through CPack (cmake/packaging.cmake), written into $(BUILD). CPack needs
-# `file` to find the shared objects it writes the shlibs file and the ldconfig calls for.
-PACKAGE_DEB_PACKAGES = file
+# Debian packages through CPack (cmake/packaging.cmake), written into $(PKG_BUILD): a build of
+# their own, installed under /usr (so the libraries go to the multiarch directory), with
+# Debian's build flags (dpkg-buildflags: hardening, relro), without tests or the demo, plus the
+# HTML reference for the -doc package. CPack needs `file` to find the shared objects it writes
+# the shlibs file, the ldconfig triggers and the -dbgsym packages for.
+PACKAGE_DEB_PACKAGES = file dpkg-dev lintian
+PKG_BUILD ?= build-package
+PKG_CMAKE_FLAGS ?=
 
 .PHONY: deps-package package package-check
 
 deps-package:
 	$(call install-missing,$(PACKAGE_DEB_PACKAGES))
 
-package: build deps-package
-	rm -f $(BUILD)/*.deb
-	cd $(BUILD) && cpack -G DEB
-	dpkg-deb -f $(BUILD)/libtarvotools-mt_*.deb Package Version Depends
-	dpkg-deb -f $(BUILD)/libtarvotools-mt-dev_*.deb Package Version Depends
+package: deps deps-package deps-docs
+	cmake -S . -B $(PKG_BUILD) -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DLT_BUILD_TESTS=OFF -DLT_BUILD_EXAMPLES=OFF \
+	  -DCMAKE_C_FLAGS="$$(dpkg-buildflags --get CPPFLAGS) $$(dpkg-buildflags --get CFLAGS)" \
+	  -DCMAKE_CXX_FLAGS="$$(dpkg-buildflags --get CPPFLAGS) $$(dpkg-buildflags --get CXXFLAGS)" \
+	  -DCMAKE_SHARED_LINKER_FLAGS="$$(dpkg-buildflags --get LDFLAGS)" $(PKG_CMAKE_FLAGS)
+	cmake --build $(PKG_BUILD) -j$(JOBS)
+	$(MAKE) docs BUILD=$(PKG_BUILD)
+	rm -f $(PKG_BUILD)/*.deb $(PKG_BUILD)/*.ddeb
+	cd $(PKG_BUILD) && cpack -G DEB
+	@for f in $(PKG_BUILD)/*.deb $(PKG_BUILD)/*.ddeb; do \
+	  [ -e "$$f" ] && dpkg-deb -f "$$f" Package Architecture Version Provides Depends && echo; \
+	done; true
 
-# Installs both packages on this machine (root), builds tests/install against the installed
-# files with pkg-config and with CMake, runs the programs and removes the packages again.
-package-check: deps
-	sh .ci/package-check $(BUILD)
+# Builds the packages, runs lintian on them (an error fails), installs them on this machine
+# (root), builds examples/first_program.cpp and tests/install against /usr with pkg-config and
+# with CMake, runs the programs and purges the packages again.
+package-check: deps deps-package
+	sh .ci/package-check $(PKG_BUILD)
 
 # Benchmarks (bench/, Google Benchmark): the event road, the loop, the event queue and URIs
 # against Boost.Asio, libuv and uriparser, plus the crypto figures. Built Release in

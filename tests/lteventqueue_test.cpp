@@ -10,6 +10,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
+#include <thread>
 #include <cerrno>
 #include <climits>
 #include <map>
@@ -416,6 +418,76 @@ TEST(HandlerRemoval, HandlersLeavingDuringTheirOwnCall)
     EXPECT_EQ(1, rec.eventsDeleted[1]);
     EXPECT_EQ(1, rec.eventsDeleted[2]);
     EXPECT_EQ(1, queue.removeEventHandlers(0, 0, nullptr, true));
+}
+
+// ---- Opt-in: TTLs and lethal times measured from now ----------------------------------------
+
+int recordLethal(ltEventQueue&, ltEvent*, int reason, void* user)
+{
+    static_cast<Recorder*>(user)->calls.push_back({"function", 0, reason});
+    return 1;
+}
+
+TEST(MonotonicTimeouts, TtlsAndLethalTimesRunFromNowWhereTheKeptOnesEndAtOnce)
+{
+    DrivenLoop driven;
+    ltEventQueue road(driven);
+    const int member = driven.registerMainLoopMember(road);
+    ASSERT_NE(0, member);
+    Recorder rec;
+    road.useMonotonicTimeouts();
+    auto* mortal = new Probe(rec, "mortal", key1Is(9), 0, goOn);
+    mortal->setLethalTime(ltTime(0, 300000));  // a duration from the add
+    ASSERT_NE(0u, road.addEventHandler(mortal));
+    ASSERT_NE(0u, road.addEventHandlerFunction(recordLethal, key1Is(9), &rec, 300, ltEventHandler::kOwnsMask));
+    const ltTime start = lt_internal::monotonicNow();
+    post(road, rec, 1, 1, 300);  // matched by no handler: only its TTL ends it
+    road.useMonotonicTimeouts(false);
+    post(road, rec, 1, 2, 300);  // the kept behaviour: ended on the next pass
+    driven.pass();
+    EXPECT_EQ(1, rec.eventsDeleted[2]);
+    if (ltTimeNotAfter(lt_internal::monotonicNow(), ltTimeAdd(start, ltTime(0, 250000)))) {  // unless stalled
+        EXPECT_EQ(0u, rec.eventsDeleted.count(1));
+        EXPECT_TRUE(rec.calls.empty());
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    driven.pass();
+    EXPECT_EQ(1, rec.eventsDeleted[1]);
+    EXPECT_EQ(1, rec.count("mortal", ltEventHandler::kReasonLethalTime));
+    EXPECT_EQ(1, rec.count("function", ltEventHandler::kReasonLethalTime));
+    EXPECT_EQ(1, rec.handlersDeleted["mortal"]);
+    driven.unregisterMainLoopMember(member, road);
+
+    // Any other kind of loop is given the wall-clock time at which the duration ends.
+    struct WallLoop : AppLoop {
+        std::vector<std::pair<timerFlags_t, ltTime>> added;
+        int doAddTimer(timerFlags_t f, const ltTime& first, const ltTime& period, ltTimerCallback cb,
+                       void* user) override
+        {
+            added.emplace_back(f, first);
+            return AppLoop::doAddTimer(f, first, period, cb, user);
+        }
+    } loop;
+    ltEventQueue queue(loop);
+    queue.useMonotonicTimeouts();
+    Recorder local;
+    const ltTime before = lt_internal::wallClockNow();
+    auto* e = new CountedEvent(local, 1, 3);
+    ASSERT_EQ(0, queue.post(*e, 2500));
+    auto* far = new Probe(local, "far", nullptr, ltEventHandler::kPersistent, goOn);
+    far->setLethalTime(ltTime(3, 0));
+    ASSERT_NE(0u, queue.addEventHandler(far));
+    const ltTime after = lt_internal::wallClockNow();
+    ASSERT_EQ(2u, loop.added.size());
+    const ltTime durations[] = {ltTime(2, 500000), ltTime(3, 0)};
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(timerAbsolute, loop.added[i].first);
+        EXPECT_TRUE(ltTimeNotAfter(ltTimeAdd(before, durations[i]), loop.added[i].second)) << i;
+        EXPECT_TRUE(ltTimeNotAfter(loop.added[i].second, ltTimeAdd(after, durations[i]))) << i;
+    }
+    loop.fire(loop.timerOf(e));
+    EXPECT_EQ(1, local.eventsDeleted[3]);
+    EXPECT_EQ(1, queue.removeEventHandlers(0, 0, far, true));
 }
 
 }  // namespace

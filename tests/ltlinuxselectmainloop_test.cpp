@@ -236,4 +236,95 @@ TEST(SelectWakeup, SingletonIsCreatedOnce)
     EXPECT_EQ(a, ltLinuxSelectMainLoop::getMainLoop());
 }
 
+// ---- Opt-ins: persistent descriptors, run() and quit() --------------------------------------
+
+struct TestLoop : ltLinuxSelectMainLoop {
+    using ltLinuxSelectMainLoop::beginExec;
+    using ltLinuxSelectMainLoop::runOnePass;
+    using PassState = ltLinuxSelectMainLoop::PassState;
+};
+
+TEST(PersistentHandle, IsDispatchedOnEveryPassUntilRemovedWhileAPlainOneIsNot)
+{
+    TestLoop loop;
+    TestLoop::PassState s;
+    loop.beginExec(s);
+    // Bounds every select(): a descriptor left unwatched costs a pass, not a hang.
+    ASSERT_NE(0, loop.doAddTimer(timerPeriodic, ltTime::noTime, ltTime(0, 50000),
+                                 [](int, const ltTime&, void*) { return 0; }, nullptr));
+    Pipe plainPipe, keptPipe;
+    Calls plain, kept;
+    const int plainId = loop.doAddIOHandle(handleRead, handleNoFlags, plainPipe.r, onReady, &plain);
+    const int keptId = loop.addPersistentIOHandle(handleRead, keptPipe.r, onReady, &kept);
+    ASSERT_NE(0, keptId);
+    EXPECT_NE(plainId, keptId);
+    EXPECT_EQ(0, loop.addPersistentIOHandle(handleRead, -1, onReady, &kept));
+    plainPipe.put();
+    keptPipe.put();      // neither is read: both stay ready
+    loop.runOnePass(s);  // rebuilt: both
+    loop.runOnePass(s);  // no change: the persistent one only
+    {
+        // Another loop's rebuild moves the process-wide handle generation on.
+        TestLoop other;
+        TestLoop::PassState os;
+        other.beginExec(os);
+        Pipe otherPipe;
+        Calls otherCalls;
+        ASSERT_NE(0, other.doAddIOHandle(handleRead, handleNoFlags, otherPipe.r, onReady, &otherCalls));
+        otherPipe.put();
+        other.runOnePass(os);
+        ASSERT_EQ(1u, otherCalls.ids.size());
+    }
+    loop.runOnePass(s);
+    EXPECT_EQ(std::vector<int>{plainId}, plain.ids);
+    EXPECT_EQ(std::vector<int>(3, keptId), kept.ids);
+
+    loop.removeIOHandle(keptId);
+    loop.runOnePass(s);  // rebuilt without it: the plain one once more
+    loop.runOnePass(s);
+    EXPECT_EQ(3u, kept.ids.size());
+    EXPECT_EQ(2u, plain.ids.size());
+}
+
+struct Nested {
+    ltLinuxSelectMainLoop* loop;
+    int result;
+};
+
+int runNestedThenQuit(int, const ltTime&, void* user)
+{
+    auto* n = static_cast<Nested*>(user);
+    n->result = n->loop->run();  // already running: refused
+    n->loop->quit();
+    return 0;
+}
+
+TEST(RunAndQuit, RunReturnsAfterQuitFromAnyThreadWhileExecIgnoresIt)
+{
+    TestLoop loop;
+    // A request made before run() is kept: run() returns after one pass, and consumes it.
+    loop.quit();
+    EXPECT_EQ(0, loop.run());
+    // From a callback on the loop thread. Were the request above still kept, run() would
+    // return after its first pass, before the timer fires.
+    Nested nested = {&loop, 1};
+    ASSERT_NE(0, loop.addOneShotTimer(ltTime(0, 100000), runNestedThenQuit, &nested));
+    EXPECT_EQ(0, loop.run());
+    EXPECT_EQ(-1, nested.result);
+    // From another thread, to a run() blocked in select() with nothing to wait for.
+    std::future<int> running = std::async(std::launch::async, [&loop] { return loop.run(); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    loop.quit();
+    ASSERT_EQ(std::future_status::ready, running.wait_for(std::chrono::seconds(10)));
+    EXPECT_EQ(0, running.get());
+
+    // exec() ignores the request: it still fires a timer added after it.
+    auto* forever = new TestLoop;  // exec() never returns: the loop outlives the test
+    std::thread([forever] { forever->exec(); }).detach();
+    forever->quit();
+    std::promise<std::thread::id> fired;
+    ASSERT_NE(0, forever->addOneShotTimer(ltTime(0, 100000), fulfil, &fired));
+    EXPECT_EQ(std::future_status::ready, fired.get_future().wait_for(std::chrono::seconds(10)));
+}
+
 }  // namespace

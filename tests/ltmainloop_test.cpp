@@ -467,4 +467,44 @@ TEST(Members, MemberWhoseAddressHasAZeroLowHalfIsNotAFreeSlot)
     munmap(p, 4096);
 }
 
+// ---- Opt-in: the relative one-shot timer ----------------------------------------------------
+
+TEST(OneShotTimer, FiresOnceADelayAfterTheAddOnTheMonotonicClock)
+{
+    CoreLoop loop;
+    Recorder r;
+    EXPECT_EQ(0, loop.addOneShotTimer(ltTime::noTime, record, &r));
+    const ltTime before = lt_internal::monotonicNow();
+    const int id = loop.addOneShotTimer(ltTime(1, 500000), record, &r);
+    const ltTime after = lt_internal::monotonicNow();
+    ASSERT_NE(0, id);
+    EXPECT_EQ(1, loop.wakeups.load());
+    const ltTime due = loop.getNextWakeupTime();
+    EXPECT_TRUE(ltTimeNotAfter(ltTimeAdd(before, ltTime(1, 500000)), due));
+    EXPECT_TRUE(ltTimeNotAfter(due, ltTimeAdd(after, ltTime(1, 500000))));
+
+    loop.setNow(ltTimeAdd(due, ltTime(0, -1)));
+    loop.processTimeouts();
+    EXPECT_TRUE(r.fired.empty());
+    loop.setNow(due);
+    loop.processTimeouts();
+    loop.setNow(ltTimeAdd(due, ltTime(10, 0)));
+    loop.processTimeouts();
+    ASSERT_EQ(1u, r.fired.size());  // once: it left the table when it fired
+    EXPECT_EQ(id, r.fired[0].id);
+    EXPECT_EQ(due, r.fired[0].expiry);
+    EXPECT_EQ(0, loop.timers_.count);
+
+    // Removed first, it never fires; without a callback its receiver is called; a delay of
+    // zero or less is due on the next pass.
+    loop.removeTimer(loop.addOneShotTimer(ltTime(0, 0), record, &r));
+    TimerObject object;
+    const int objectId = loop.addOneShotTimer(ltTime(-1, 0), nullptr, &object);
+    loop.setNow(lt_internal::monotonicNow());
+    loop.processTimeouts();
+    EXPECT_EQ(1u, r.fired.size());
+    EXPECT_EQ(std::vector<int>{objectId}, object.ids);
+    EXPECT_EQ(0, loop.timers_.count);
+}
+
 }  // namespace

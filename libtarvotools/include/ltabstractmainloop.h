@@ -100,6 +100,20 @@ public:
     int doAddIOHandle(handleType_t type, handleFlags_t flags, int fd,
                       ltIOHandleCallback callback, void* userData) override;
 
+    /// A one-shot timer that fires once, 'delay' after this call on the loop's monotonic
+    /// clock ("in 1500 ms, once"): the relative one-shot timer that doAddTimer() has no flags
+    /// for. Neither the wall clock nor a step of it has any say. callback may be null:
+    /// userData is then an ltTimerReceiver. A delay of zero or less fires on the next pass.
+    ///
+    /// Returns the id, or 0 when delay is ltTime::noTime, the timer table is full or cannot
+    /// grow (no memory), or the expiry falls in second 0 of the monotonic clock (see the
+    /// class comment). The timer leaves the table when it fires, before its callback runs,
+    /// or when removeTimer(id) removes it first; after either its id means nothing (a later
+    /// timer may get it again). Any thread; wakes the loop like doAddTimer(), so that the
+    /// new expiry takes effect at once. The callback runs on the loop thread, with no loop
+    /// mutex held. The loop owns nothing of userData.
+    int addOneShotTimer(const ltTime& delay, ltTimerCallback callback, void* userData);
+
 protected:
     /// True when any of the dirty flags in f is set. Any thread.
     bool hasFlags(uint32_t f) const { return (__atomic_load_n(&flags_, __ATOMIC_RELAXED) & f) != 0; }

@@ -59,6 +59,7 @@
 ///     an event posted with a TTL is deleted on the next pass unless a handler finishes it
 ///     first (timers fire before members run, so it usually never reaches a handler), and a
 ///     handler with a lethal time is invoked with reason 1 and, unless persistent, dropped.
+///     useMonotonicTimeouts() makes a queue measure both from now instead.
 ///   - The max queue size test is strictly greater: one event beyond it is accepted.
 ///   - When a non-persistent handler is removed after its invocation, the handler that moves
 ///     into its index is not offered the current event.
@@ -137,6 +138,29 @@ public:
     /// the id, or 0 (errno ENOMEM; the mask stays the caller's). Loop thread only.
     unsigned long long addEventHandlerFunction(ltEventHandlerCallback cb, ltEventMask* mask,
                                                void* userData, unsigned int lethalMs, int flags);
+    /// From this call on (on: true), TTLs and lethal times are measured from now on the
+    /// loop's monotonic clock, which the wall clock and its steps do not touch:
+    ///   - post(event, ttlMs) with ttlMs other than 0: the event expires ttlMs after the post()
+    ///     call (not on the next pass). Its time stamp and lethal-time fields are set from the
+    ///     known time as before; only the timer differs.
+    ///   - addEventHandler(prio, h) with a lethal time: h's lethal time is a duration, and h
+    ///     reaches it that long after addEventHandler() (a duration of zero or less: on the
+    ///     next pass). Seconds -1 still mean none. addEventHandlerFunction() with lethalMs
+    ///     other than 0 sets the lethal time to lethalMs as such a duration.
+    /// What happens at expiry, and who deletes what, is unchanged. With on false, later posts
+    /// and additions go back to the kept behaviour (see the file comment); timers armed
+    /// before a change keep the meaning they were armed with.
+    ///
+    /// On the library's own loops (ltAbstractMainLoop and its subclasses) the timers are
+    /// addOneShotTimer() timers. Any other ltMainLoop gets a timerAbsolute timer at wall-clock
+    /// now plus the duration, which such a loop turns into its own clock when it is added.
+    ///
+    /// Any thread; takes effect for the post() and addEventHandler() calls that begin after
+    /// it returns. Off for a new queue. Without memory for the queue's bookkeeping (made by
+    /// the constructor, tried again here) the setting is not kept and the queue stays as it
+    /// was.
+    void useMonotonicTimeouts(bool on = true);
+
     /// The known time: the monotonic time read when it was last stale, kept until
     /// processNextEvent() finds the queue empty. Any thread.
     ltTime getKnownTime() const;

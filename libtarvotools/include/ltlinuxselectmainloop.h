@@ -3,12 +3,15 @@
 /// \class ltLinuxSelectMainLoop
 /// The library's concrete main loop: a process-wide singleton that waits in select() on the
 /// watched descriptors and a private wake-up pipe, with a time-out taken from the earliest
-/// armed timer. exec() holds the calling thread for good: there is no quit operation.
+/// armed timer. exec() holds the calling thread for good; run() is the same loop, left again
+/// through quit().
 ///
 /// Things a caller must know (kept: applications rely on them):
 ///   - The descriptor sets are rebuilt only on a pass after the handle table changed, and are
 ///     cleared on every pass: on a pass after which no handle was added or removed, select()
-///     watches only the wake-up pipe and the time-out.
+///     watches only the wake-up pipe and the time-out. A handle added with
+///     addPersistentIOHandle() is watched on every pass instead.
+///   - exec() never returns and ignores quit(); new code calls run() and quit().
 ///   - Any number of wake-ups between two select() returns are written as one byte.
 ///   - A handle of type 3 is never dispatched, but its fd still counts for select()'s nfds.
 ///   - A periodic timer with a zero period keeps the loop firing timers for ever.
@@ -46,8 +49,41 @@ public:
 
     /// Writes one byte into the wake-up pipe unless one is pending already. Any thread.
     void wakeupEventLoop() override;
-    /// Runs the loop on the calling thread. Never returns.
+    /// Runs the loop on the calling thread. Never returns; quit() does not stop it (a request
+    /// made meanwhile waits for the next run()).
     void exec() override;
+
+    /// Watches fd for 'type' on every pass until removeIOHandle(id), unlike the handles of
+    /// doAddIOHandle(), which are watched only on the pass after the handle table changed.
+    /// Otherwise the same: one id space with the other handles, the same removal, callback
+    /// null means userData is an ltIOHandleReceiver, the callback runs on the loop thread with
+    /// no loop mutex held and is called on every pass on which fd is ready (a readable
+    /// descriptor left unread is reported again on the next pass). A descriptor at or past
+    /// FD_SETSIZE is stored but never watched, as for the other handles.
+    ///
+    /// Returns the id, or 0 when fd is -1, the handle table is full or there is no memory.
+    /// Any thread; wakes the loop. The loop owns neither fd nor userData: remove the handle
+    /// before closing fd.
+    int addPersistentIOHandle(handleType_t type, int fd, ltIOHandleCallback callback, void* userData);
+
+    /// Runs the loop on the calling thread, pass after pass as exec() does, until quit() is
+    /// called: the pass during which the request is seen (or, for a request made before
+    /// run(), the first pass) is completed, and then run() returns 0 and consumes the
+    /// request. Timers, handles, members and queued events stay where they are; a later run()
+    /// carries on with them, its first pass rebuilding the descriptor sets.
+    ///
+    /// Returns 0 after quit(); -1 at once, without running a pass, when run() is already
+    /// active on this loop (on another thread, or from inside one of its callbacks); -12
+    /// when there is no memory for the loop's bookkeeping. Call it on the thread that is to
+    /// be the loop thread; never together with exec().
+    int run();
+    /// Asks run() to return at the end of the pass that sees the request, and wakes the loop.
+    /// Safe from any thread and from inside any callback, member
+    /// or handler on the loop thread. A request made while no run() is active is kept and
+    /// makes the next run() return after one pass; requests do not add up. exec() ignores
+    /// requests. Without memory for the loop's bookkeeping (made by the constructor, tried
+    /// again here) the request is lost and only the wake-up remains.
+    void quit();
 
 protected:
     /// What exec() keeps in its frame from pass to pass.

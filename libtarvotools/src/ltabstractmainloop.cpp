@@ -93,6 +93,19 @@ int nextDueTimer(TimerIndex* index, const ltIdTable& timers, int from, int capac
     return capacity;
 }
 
+// Puts a timer into the table and its index; returns its id, or 0. Caller holds the timer
+// mutex and sets the dirty flags on success.
+int putTimer(const void* loop, ltIdTable& timers, TimerEntry entry)
+{
+    const int id = timers.putMember(&entry);
+    if (id == 0)
+        return 0;
+    entryAt<TimerEntry>(timers, id)->id = id;
+    syncIndex(loop, timers);  // the table may have grown
+    indexSlot(currentIndex(loop, timers), timers, id & (timers.capacity - 1));
+    return id;
+}
+
 }  // namespace
 
 ltAbstractMainLoop::ltAbstractMainLoop()
@@ -212,16 +225,29 @@ int ltAbstractMainLoop::doAddTimer(timerFlags_t flags, const ltTime& first, cons
             expiry = ltTimeAdd(now_, period);
         }
         // A first expiry in second 0 reads as a free slot: the table refuses such an entry.
-        TimerEntry entry = {expiry, periodic || !absolute ? period : ltTime::noTime, userData, callback, 0};
-        id = timers_.putMember(&entry);
-        if (id != 0) {
-            entryAt<TimerEntry>(timers_, id)->id = id;
-            syncIndex(this, timers_);  // the table may have grown
-            indexSlot(currentIndex(this, timers_), timers_, id & (timers_.capacity - 1));
+        id = putTimer(this, timers_, {expiry, periodic || !absolute ? period : ltTime::noTime, userData, callback, 0});
+        if (id != 0)
             setFlags(kTimersChanged | kWakeupStale);
-        }
     }
     wakeupEventLoop();  // even on failure: harmless, and the caller sees no difference
+    return id;
+}
+
+int ltAbstractMainLoop::addOneShotTimer(const ltTime& delay, ltTimerCallback callback, void* userData)
+{
+    if (delay.isNoTime())
+        return 0;
+    int id;
+    {
+        // The cached now is left alone: the expiry is measured from this call, and the pass
+        // that fires it reads the clock afresh.
+        const ltTime expiry = ltTimeAdd(lt_internal::monotonicNow(), delay);
+        MutexLock lock(timerMutex_);
+        id = putTimer(this, timers_, {expiry, ltTime::noTime, userData, callback, 0});
+        if (id != 0)
+            setFlags(kTimersChanged | kWakeupStale);
+    }
+    wakeupEventLoop();
     return id;
 }
 

@@ -79,6 +79,23 @@ lt_internal::SideTable<void>& extTable()
     return table;
 }
 
+// An interval of ms milliseconds, for the whole unsigned range.
+ltTime intervalFromMs(unsigned int ms)
+{
+    return ltTime(static_cast<int32_t>(ms / 1000), static_cast<int32_t>(ms % 1000 * 1000));
+}
+
+// A one-shot timer 'delay' from now. The library's own loops measure it on their monotonic
+// clock; any other loop is given the wall-clock time it falls on, which it converts when the
+// timer is added.
+int armFromNow(ltMainLoop& loop, const ltTime& delay, ltTimerCallback callback, void* userData)
+{
+    if (auto* own = dynamic_cast<ltAbstractMainLoop*>(&loop))
+        return own->addOneShotTimer(delay, callback, userData);
+    return loop.doAddTimer(timerAbsolute, ltTimeAdd(lt_internal::wallClockNow(), delay), ltTime::noTime,
+                           callback, userData);
+}
+
 }  // namespace
 
 // What the queue keeps beyond its fields: applications allocate queues with the size their
@@ -138,6 +155,8 @@ struct ltEventQueue::Ext {
         ltTime known{0, 0};        // the known time they were claimed at
         ltEvent* events[kClaimBatch];
     } claim;
+    // TTLs and lethal times measured from now (useMonotonicTimeouts()). Any thread.
+    std::atomic<bool> monotonic{false};
     // Lethal timers armed and not fired yet, by handler. Loop thread.
     std::vector<std::pair<const ltEventHandler*, int>> lethalTimers;
     Frame* frames = nullptr;  // loop thread
@@ -416,6 +435,13 @@ void ltEventQueue::setMaxQueueSize(int size)
     maxQueueSize_.store(size, std::memory_order_relaxed);
 }
 
+void ltEventQueue::useMonotonicTimeouts(bool on)
+{
+    QueueLock lock(mutex_);
+    if (Ext* x = Ext::make(*this))
+        x->monotonic.store(on, std::memory_order_relaxed);
+}
+
 ltTime ltEventQueue::getKnownTime() const
 {
     QueueLock lock(mutex_);
@@ -455,9 +481,11 @@ int ltEventQueue::post(ltEvent& event, unsigned int ttlMs)
     if (ttlMs != 0) {
         event.setTTL(static_cast<int>(ttlMs));
         // Armed while the mutex is held: the expiry callback takes the mutex as well, so it
-        // cannot see the event before the append below has queued it. The lethal time is
-        // monotonic but armed as a wall-clock time; kept, see the header.
-        const int id = loop_.doAddTimer(timerAbsolute, event.lethalTime, ltTime::noTime, cbEventTimeOut, &event);
+        // cannot see the event before the append below has queued it. Without the opt-in the
+        // lethal time is monotonic but armed as a wall-clock time; kept, see the header.
+        const int id = x->monotonic.load(std::memory_order_relaxed)
+                           ? armFromNow(loop_, intervalFromMs(ttlMs), cbEventTimeOut, &event)
+                           : loop_.doAddTimer(timerAbsolute, event.lethalTime, ltTime::noTime, cbEventTimeOut, &event);
         if (id == kNoId)
             return kFailed;  // errno untouched, the owner stays set: kept as it always was
         event.ttlTimerId = id;
@@ -531,9 +559,11 @@ unsigned long long ltEventQueue::addEventHandler(int prio, ltEventHandler* h)
     h->owner = this;
     int timer = kNoId;
     if (x != nullptr) {
-        // Monotonic time armed as a wall-clock time: expires on the next pass. Kept, see the
-        // header.
-        timer = loop_.doAddTimer(timerAbsolute, h->lethalTime, ltTime::noTime, cbEventHandlerTimeOut, h);
+        // Without the opt-in: monotonic time armed as a wall-clock time, expiring on the next
+        // pass. Kept, see the header. With it: a duration from now.
+        timer = x->monotonic.load(std::memory_order_relaxed)
+                    ? armFromNow(loop_, h->lethalTime, cbEventHandlerTimeOut, h)
+                    : loop_.doAddTimer(timerAbsolute, h->lethalTime, ltTime::noTime, cbEventHandlerTimeOut, h);
         if (timer != kNoId)
             x->lethalTimers.emplace_back(h, timer);  // room was made above
     }
@@ -574,7 +604,10 @@ unsigned long long ltEventQueue::addEventHandlerFunction(ltEventHandlerCallback 
         errno = ENOMEM;
         return kNoId;
     }
-    if (lethalMs != 0)
+    const Ext* x = Ext::of(*this);
+    if (lethalMs != 0 && x != nullptr && x->monotonic.load(std::memory_order_relaxed))
+        h->setLethalTime(intervalFromMs(lethalMs));  // a duration from addEventHandler()
+    else if (lethalMs != 0)
         h->setLethalTime(ltTimeAdd(getKnownTime(), ltTimeFromMs(static_cast<int>(lethalMs))));
     const unsigned long long id = addEventHandler(0, h);
     if (id == kNoId) {
