@@ -49,8 +49,8 @@ public:
 
     /// Writes one byte into the wake-up pipe unless one is pending already. Any thread.
     void wakeupEventLoop() override;
-    /// Runs the loop on the calling thread. Never returns; quit() does not stop it (a request
-    /// made meanwhile waits for the next run()).
+    /// Runs the loop on the calling thread. Never returns: quit() does not stop it, and
+    /// run() is refused on this loop from then on.
     void exec() override;
 
     /// Watches fd for 'type' on every pass until removeIOHandle(id), unlike the handles of
@@ -72,10 +72,10 @@ public:
     /// request. Timers, handles, members and queued events stay where they are; a later run()
     /// carries on with them, its first pass rebuilding the descriptor sets.
     ///
-    /// Returns 0 after quit(); -1 at once, without running a pass, when run() is already
-    /// active on this loop (on another thread, or from inside one of its callbacks); -12
-    /// when there is no memory for the loop's bookkeeping. Call it on the thread that is to
-    /// be the loop thread; never together with exec().
+    /// Returns 0 after quit(); -1 at once, without running a pass, when run() or exec() is
+    /// already active on this loop (on another thread, or from inside one of its callbacks);
+    /// -12 when there is no memory for the loop's bookkeeping. Call it on the thread that is
+    /// to be the loop thread.
     int run();
     /// Asks run() to return at the end of the pass that sees the request, and wakes the loop.
     /// Safe from any thread and from inside any callback, member

@@ -3,8 +3,8 @@
 /// \file
 /// ltMainLoop is the interface of a single-threaded event loop that fires timers, watches
 /// file descriptors and runs registered members on every pass. Any thread may add and remove
-/// timers, descriptors and members; only the loop thread (the one in exec()) runs callbacks,
-/// and it never holds a loop mutex while doing so.
+/// timers, descriptors and members; only the loop thread (the one in exec(), or in run() of
+/// ltLinuxSelectMainLoop) runs callbacks, and it never holds a loop mutex while doing so.
 ///
 /// Ids of timers, descriptors and members are non-zero (negative once the generation in their
 /// top bits has grown that far); 0 means failure. Ids are meaningful only within their own

@@ -211,7 +211,7 @@ int ltAbstractMainLoop::doAddTimer(timerFlags_t flags, const ltTime& first, cons
         // The cached now is not touched here.
         expiry = ltTimeAdd(lt_internal::monotonicNow(), rel);
     } else if (!periodic || period.isNoTime()) {
-        return 0;  // there is no relative one-shot timer: such callers pass an absolute time
+        return 0;  // no relative one-shot timer through the flags: addOneShotTimer() is that
     }
 
     int id;

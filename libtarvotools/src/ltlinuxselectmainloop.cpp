@@ -46,7 +46,8 @@ struct SelectExt {
     std::atomic<bool> running{false};
 };
 
-// Whether any loop ever had a persistent handle: until then a pass looks nothing up.
+// Whether any loop ever had a persistent handle: until then a pass looks nothing up. Set under
+// the I/O mutex of the loop that got one, and read under it where the answer must be current.
 std::atomic<bool> anyPersistent{false};
 
 // Built in place and never destroyed, so that a loop destroyed during exit still finds it.
@@ -226,6 +227,8 @@ void ltLinuxSelectMainLoop::wakeupEventLoop()
 
 void ltLinuxSelectMainLoop::exec()
 {
+    if (SelectExt* x = extOf(this))
+        x->running.store(true);  // for good: a run() on this loop is refused
     PassState s;
     beginExec(s);
     for (;;)
@@ -308,8 +311,9 @@ void ltLinuxSelectMainLoop::rebuildDescriptorSetsIfDirty(PassState& s)
     FD_ZERO(&s.builtRead);
     FD_ZERO(&s.builtWrite);
     FD_ZERO(&s.builtException);
-    SelectExt* x = anyPersistent.load(std::memory_order_relaxed) ? extOf(this) : nullptr;
     if (!hasFlags(kHandlesChanged)) {
+        // The sets below are written by this thread's rebuilds only.
+        const SelectExt* x = anyPersistent.load(std::memory_order_relaxed) ? extOf(this) : nullptr;
         if (x != nullptr && x->watched) {
             // Persistent handles are watched on every pass.
             s.builtRead = x->read;
@@ -325,6 +329,7 @@ void ltLinuxSelectMainLoop::rebuildDescriptorSetsIfDirty(PassState& s)
     fd_set* sets[3] = {&s.builtRead, &s.builtWrite, &s.builtException};
     {
         MutexLock lock(ioMutex_);
+        SelectExt* x = anyPersistent.load(std::memory_order_relaxed) ? extOf(this) : nullptr;
         s.highestFd = -1;
         for (int i = 0; i < ioHandles_.capacity; ++i) {
             auto* e = static_cast<IOEntry*>(ioHandles_.slotFor(i));
@@ -367,8 +372,8 @@ void ltLinuxSelectMainLoop::dispatchReadyDescriptors(int ready, const fd_set& r,
 {
     const fd_set* sets[3] = {&r, &w, &xs};
     const uint8_t generation = handleGeneration.load(std::memory_order_relaxed);
-    const SelectExt* x = anyPersistent.load(std::memory_order_relaxed) ? extOf(this) : nullptr;
     MutexLock lock(ioMutex_);
+    const SelectExt* x = anyPersistent.load(std::memory_order_relaxed) ? extOf(this) : nullptr;
     if (ioHandles_.capacity == 0 || ready < 1)
         return;
     const int capacity = ioHandles_.capacity;
