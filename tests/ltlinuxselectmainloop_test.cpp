@@ -322,8 +322,11 @@ TEST(RunAndQuit, RunReturnsAfterQuitFromAnyThreadWhileExecIgnoresIt)
     auto* forever = new TestLoop;  // exec() never returns: the loop outlives the test
     std::thread([forever] { forever->exec(); }).detach();
     forever->quit();
-    std::promise<std::thread::id> fired;
-    ASSERT_NE(0, forever->addOneShotTimer(ltTime(0, 100000), fulfil, &fired));
+    std::promise<void> fired;
+    ASSERT_NE(0, forever->addOneShotTimer(ltTime(0, 100000), [](int, const ltTime&, void* p) {
+        static_cast<std::promise<void>*>(p)->set_value();
+        return 0;
+    }, &fired));
     EXPECT_EQ(std::future_status::ready, fired.get_future().wait_for(std::chrono::seconds(10)));
 }
 
