@@ -23,9 +23,10 @@ JOBS ?= 2
 BUILD ?= build
 CMAKE_FLAGS ?=
 
-# Debian packages the build and the tests need (faketime steps the wall clock under the loop).
+# Debian packages the build and the tests need (faketime steps the wall clock under the loop,
+# gdb runs the debugger extension's test).
 DEB_PACKAGES = g++ cmake make pkg-config libboost1.74-dev libboost-thread1.74-dev \
-  libboost-system1.74-dev libssl-dev openssl libgtest-dev libgmock-dev libbenchmark-dev faketime
+  libboost-system1.74-dev libssl-dev openssl libgtest-dev libgmock-dev libbenchmark-dev faketime gdb
 
 # Host packages for the armhf cross build and for running it under qemu (make test-arm only).
 # The armhf libraries themselves go into $(ARM_SYSROOT), see cmake/armhf-sysroot.sh.
