@@ -50,16 +50,26 @@ def _scalar(v):
     return v
 
 
-def _object(v):
-    """v itself when it is an object, the object it refers or points to otherwise."""
+def _object(v, type_name):
+    """v as a type_name: v itself, or the object it refers or points to."""
     code = v.type.strip_typedefs().code
     if code == gdb.TYPE_CODE_REF or code == getattr(gdb, "TYPE_CODE_RVALUE_REF", -1):
-        return v.referenced_value()
-    if code == gdb.TYPE_CODE_PTR:
+        v = v.referenced_value()
+    elif code == gdb.TYPE_CODE_PTR:
         if int(v) == 0:
             raise gdb.GdbError("null pointer")
-        return v.dereference()
-    return v
+        v = v.dereference()
+    if not _derives(v.type, type_name):
+        raise gdb.GdbError("%s is not a %s (or a pointer to one)" % (v.type, type_name))
+    return v.cast(_type(type_name))
+
+
+def _derives(t, type_name):
+    """Whether class t is type_name or derives from it."""
+    t = t.strip_typedefs().unqualified()
+    if t.code != gdb.TYPE_CODE_STRUCT:
+        return False
+    return t.tag == type_name or any(f.is_base_class and _derives(f.type, type_name) for f in t.fields())
 
 
 def _symbol_address(name):
@@ -303,7 +313,7 @@ def _term(term):
     elif field == 5:
         name, operand = "data", _cstring(term["operand"]["string"])
     else:
-        name, operand = "field %d" % field, None
+        name, operand = "field %d" % field, "-"
     if op & 7 == 0:
         text = "%s %s (operator %d: evaluation ends here)" % (name, operand, op)
     elif field in (1, 2, 3, 4):
@@ -511,7 +521,7 @@ def _library_timer(name, user_data):
 
 
 def format_loop(loop):
-    loop = loop.cast(_type("ltAbstractMainLoop"))
+    """lt-loop's text for loop, an ltAbstractMainLoop."""
     now = loop["now_"]
     flags = int(loop["flags_"])
     out = []
@@ -596,12 +606,8 @@ fd, type, what it calls) and every member. Reads memory only: works on a core fi
         super().__init__("lt-loop", gdb.COMMAND_DATA, gdb.COMPLETE_EXPRESSION)
 
     def invoke(self, arg, from_tty):
-        value = gdb.parse_and_eval(arg if arg.strip() else "ltLinuxSelectMainLoop::singleton_")
-        try:
-            loop = _object(value)
-        except gdb.GdbError:
-            raise gdb.GdbError("no main loop: %s is null" % (arg.strip() or "ltLinuxSelectMainLoop::singleton_"))
-        gdb.write(format_loop(loop))
+        expr = arg.strip() or "ltLinuxSelectMainLoop::singleton_"
+        gdb.write(format_loop(_object(gdb.parse_and_eval(expr), "ltAbstractMainLoop")))
 
 
 # -- lt-queue ---------------------------------------------------------------------------------
@@ -616,7 +622,7 @@ def _event_line(p, tag):
 
 
 def format_queue(q):
-    q = q.cast(_type("ltEventQueue"))
+    """lt-queue's text for q, an ltEventQueue."""
     out = []
     known = "%s%s" % (format_time(q["knownTime_"]), "" if int(q["knownTimeValid_"]) else " (stale)")
     depth = int(q["dispatchDepth_"])
@@ -719,11 +725,7 @@ memory only: works on a core file."""
     def invoke(self, arg, from_tty):
         if not arg.strip():
             raise gdb.GdbError("usage: lt-queue EXPR (an ltEventQueue or a pointer to one)")
-        try:
-            queue = _object(gdb.parse_and_eval(arg))
-        except gdb.GdbError:
-            raise gdb.GdbError("no event queue: %s is null" % arg.strip())
-        gdb.write(format_queue(queue))
+        gdb.write(format_queue(_object(gdb.parse_and_eval(arg), "ltEventQueue")))
 
 
 LoopCommand()
