@@ -4,12 +4,16 @@
 # file with gcore, and runs again on the core file in a second gdb. Then probes.py or
 # probes.gdb, if there is one, gets a gdb of its own on a fresh run of the target. gdb loads
 # the extension by itself, from the copy beside the library in LIBDIR: its name is checked too.
-# Exit status 77 (skipped) when there is no gdb.
+# Exit status 77 (skipped) when there is no gdb, or gdb cannot run a program here.
 set -u
 gdb=$1 target=$2 libdir=$3 work=$4
 here=$(cd "$(dirname "$0")" && pwd)
 if [ -z "$gdb" ] || ! command -v "$gdb" >/dev/null 2>&1; then
   echo "skipped: no gdb (Debian package gdb)"
+  exit 77
+fi
+if ! "$gdb" -batch -nx -ex run --args /bin/true 2>&1 | grep -q "exited normally"; then
+  echo "skipped: gdb cannot run a program here (is ptrace forbidden?)"
   exit 77
 fi
 core=$work/gdb_target.core
