@@ -11,6 +11,7 @@
 #   make install-check  install into a temporary prefix, build and run programs against it
 #   make test-arm    cross-build for armhf and run the whole suite under qemu-arm
 #   make check-exports  the exported names of both builds against the library's interface
+#   make check-probes   the tracing probes of both builds against the library's list
 #   make abi-check   the binary interface of both builds against the baselines in abi/
 #   make abi-baseline  rewrite those baselines from both builds (a deliberate interface change)
 #   make docs        the API reference (Doxygen) in $(BUILD)/docs/html; warnings fail it
@@ -23,9 +24,12 @@ JOBS ?= 2
 BUILD ?= build
 CMAKE_FLAGS ?=
 
-# Debian packages the build and the tests need (faketime steps the wall clock under the loop).
+# Debian packages the build and the tests need (faketime steps the wall clock under the loop,
+# gdb runs the debugger extension's test; systemtap-sdt-dev has the header of the tracing
+# probes).
 DEB_PACKAGES = g++ cmake make pkg-config libboost1.74-dev libboost-thread1.74-dev \
-  libboost-system1.74-dev libssl-dev openssl libgtest-dev libgmock-dev libbenchmark-dev faketime
+  libboost-system1.74-dev libssl-dev openssl libgtest-dev libgmock-dev libbenchmark-dev faketime gdb \
+  systemtap-sdt-dev
 
 # Host packages for the armhf cross build and for running it under qemu (make test-arm only).
 # The armhf libraries themselves go into $(ARM_SYSROOT), see cmake/armhf-sysroot.sh.
@@ -115,6 +119,13 @@ test-arm: deps deps-arm
 
 check-exports: build
 	sh .ci/check-exports $(BUILD) $(ARM_BUILD)
+
+# The tracing probes of both builds ($(BUILD) and $(ARM_BUILD), made by test-arm) against the
+# list in .ci/check-probes: the armhf library carries the same probes as the x86-64 one.
+.PHONY: check-probes
+
+check-probes: build
+	sh .ci/check-probes $(BUILD) $(ARM_BUILD)
 
 # The binary interface (libabigail's abidw and abidiff) of both builds, $(BUILD) for x86-64 and
 # $(ARM_BUILD) for armhf (made by test-arm), against abi/x86_64.abi and abi/armhf.abi: any

@@ -2,8 +2,8 @@
 #===- armhf-sysroot.sh - the armhf libraries the cross build links against -===#
 #
 # Builds a sysroot folder with Debian's armhf builds of Boost, OpenSSL and GoogleTest (and
-# everything they depend on, glibc and libstdc++ included) for cmake/armhf-toolchain.cmake and
-# for qemu-arm -L. The host's dpkg is not touched: apt runs with its own state under
+# everything they depend on, glibc and libstdc++ included), plus the tracing probe header
+# <sys/sdt.h>, for cmake/armhf-toolchain.cmake and for qemu-arm -L. The host's dpkg is not touched: apt runs with its own state under
 # <sysroot>/.apt, native architecture armhf, the host's package sources and an empty package
 # status, so it resolves the whole dependency closure; the .deb files are then unpacked with
 # dpkg-deb -x. No maintainer script runs, so no emulation is needed to build the folder.
@@ -20,6 +20,9 @@ ARCH=armhf
 TRIPLET=arm-linux-gnueabihf
 PACKAGES="libboost1.74-dev libboost-thread1.74-dev libboost-system1.74-dev libssl-dev
 libgtest-dev libgmock-dev"
+# Packages taken alone, without what they depend on: systemtap-sdt-dev is wanted for its headers
+# only (its dtrace script would pull in an armhf Python).
+HEADER_PACKAGES="systemtap-sdt-dev"
 
 die() {
   echo "armhf sysroot: ERROR: $*" >&2
@@ -33,7 +36,7 @@ mkdir -p "$SYSROOT"
 SYSROOT=$(cd "$SYSROOT" && pwd)
 [ "$SYSROOT" != / ] || die "refusing to use / as the sysroot"
 STAMP="$SYSROOT/.sysroot-stamp"
-WANT=$(printf '%s\n%s\n' "$(echo $PACKAGES)" "$(cksum < "$0")")
+WANT=$(printf '%s\n%s\n' "$(echo $PACKAGES $HEADER_PACKAGES)" "$(cksum < "$0")")
 
 if [ -f "$STAMP" ] && [ "$(cat "$STAMP")" = "$WANT" ]; then
   echo "armhf sysroot: up to date ($SYSROOT)"
@@ -88,6 +91,12 @@ apt_private install --download-only -y $PACKAGES >"$APT_DIR/download.log" 2>&1 |
   die "could not download the $ARCH packages: $(echo $PACKAGES)"
 }
 
+# shellcheck disable=SC2086
+(cd "$APT_DIR/cache/archives" && apt_private download $HEADER_PACKAGES) >>"$APT_DIR/download.log" 2>&1 || {
+  cat "$APT_DIR/download.log" >&2
+  die "could not download the $ARCH packages: $HEADER_PACKAGES"
+}
+
 set -- "$APT_DIR"/cache/archives/*.deb
 [ -f "$1" ] || die "no $ARCH package was downloaded"
 for deb in "$@"; do
@@ -110,6 +119,7 @@ for f in \
   usr/include/openssl/ssl.h \
   usr/include/gtest/gtest.h \
   usr/include/gmock/gmock.h \
+  usr/include/$TRIPLET/sys/sdt.h \
   usr/lib/$TRIPLET/libboost_thread.so \
   usr/lib/$TRIPLET/libboost_system.so \
   usr/lib/$TRIPLET/libssl.so \

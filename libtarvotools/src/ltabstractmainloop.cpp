@@ -5,6 +5,7 @@
 
 #include "ltclock.h"
 #include "ltmutexlock.h"
+#include "ltprobes.h"
 #include "ltsidetable.h"
 #include "lttimerindex.h"
 
@@ -324,6 +325,7 @@ void ltAbstractMainLoop::processTimeouts()
         }
         indexSlot(index, timers_, i);
         lock.unlock();  // the callback may add or remove timers, its own included
+        LT_PROBE(loop__timer, this, fired.id, fired.expiry.sec, fired.expiry.usec, fired.callback, fired.userData);
         if (fired.callback != nullptr)
             (void)fired.callback(fired.id, fired.expiry, fired.userData);  // result ignored
         else

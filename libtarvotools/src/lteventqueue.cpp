@@ -5,13 +5,17 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
+#include <typeinfo>
 #include <utility>
 #include <vector>
 
 #include "ltabstractmainloop.h"
+#include "ltcallbackeventhandler.h"
 #include "ltclock.h"
 #include "lteventmask.h"
 #include "lteventring.h"
+#define LT_PROBE_SEMAPHORES
+#include "ltprobes.h"
 #include "ltresult.h"
 #include "ltsidetable.h"
 
@@ -19,6 +23,15 @@ using lt_internal::EventRing;
 using lt_internal::kFailed;
 using lt_internal::kNoId;
 using lt_internal::kOk;
+
+// The probes of this source, on the path of every event: they fire only while a tool is attached.
+LT_PROBE_SEMAPHORE(event__posted);
+LT_PROBE_SEMAPHORE(event__refused);
+LT_PROBE_SEMAPHORE(event__expired);
+LT_PROBE_SEMAPHORE(event__deleted);
+LT_PROBE_SEMAPHORE(handler__invoke);
+LT_PROBE_SEMAPHORE(handler__return);
+LT_PROBE_SEMAPHORE(handler__lethal);
 
 // Applications allocate queues with the size their headers give: nothing of the queue's own
 // bookkeeping may widen it.
@@ -36,6 +49,32 @@ constexpr int kPrefetchAhead = 2;      // claimed events fetched ahead of their 
 ltEventHandler* handlerAt(const lfcVector& v, int i) { return static_cast<ltEventHandler*>(v.elementAt(i)); }
 
 bool isPersistent(const ltEventHandler& h) { return (h.flags & ltEventHandler::kPersistent) != 0; }
+
+// Fails a post with err in errno.
+int refusePost(const ltEventQueue* q, const ltEvent* event, int err)
+{
+    errno = err;
+    LT_PROBE(event__refused, q, event, err);
+    return kFailed;
+}
+
+// The function a callback handler calls; null for any other handler. For a probe only.
+__attribute__((noinline, cold)) const void* callbackOf(const ltEventHandler* h)
+{
+    const auto* cb = dynamic_cast<const ltCallbackEventHandler*>(h);
+    return cb != nullptr ? reinterpret_cast<const void*>(cb->callback) : nullptr;
+}
+
+// Calls h, between the handler__invoke and handler__return probes. The first gives the
+// handler's dynamic type name and, for a callback handler, the function it calls. Inlined, as
+// the call of invoke() is without the probes.
+inline __attribute__((always_inline)) int invokeHandler(ltEventQueue& q, ltEvent* event, ltEventHandler* h, int reason)
+{
+    LT_PROBE(handler__invoke, &q, event, h, reason, typeid(*h).name(), callbackOf(h));
+    const int r = h->invoke(q, event, reason);
+    LT_PROBE(handler__return, &q, event, h, reason, r);
+    return r;
+}
 
 // Holds the queue's mutex for a scope. Its holders keep it for a few dozen instructions, so a
 // contended lock is first retried for a moment: sleeping in the kernel and being woken again
@@ -294,6 +333,7 @@ struct ltEventQueue::Ext {
     {
         if (event->ttlTimerId > 0)
             q.loop_.removeTimer(event->ttlTimerId);
+        LT_PROBE(event__deleted, &q, event);
         delete event;
         released();
     }
@@ -322,7 +362,7 @@ struct ltEventQueue::Ext {
             matched = true;
             frame.handler = h;
             frame.handlerGone = false;
-            const int r = h->invoke(q, &event, ltEventHandler::kReasonEvent);
+            const int r = invokeHandler(q, &event, h, ltEventHandler::kReasonEvent);
             frame.handler = nullptr;
             if (r == 0)
                 keep = true;
@@ -454,27 +494,19 @@ int ltEventQueue::post(ltEvent& event, unsigned int ttlMs)
     Ext* x = Ext::of(*this);
     const int max = maxQueueSize_.load(std::memory_order_relaxed);
     // Strictly greater: one event past the limit is accepted. Kept: callers rely on it.
-    if (max > 0 && x != nullptr && x->moreThanLocked(*this, max)) {
-        errno = EAGAIN;
-        return kFailed;
-    }
-    if (event.owner != nullptr) {
-        errno = EBUSY;
-        return kFailed;
-    }
+    if (max > 0 && x != nullptr && x->moreThanLocked(*this, max))
+        return refusePost(this, &event, EAGAIN);
+    if (event.owner != nullptr)
+        return refusePost(this, &event, EBUSY);
     // The memory for the append below is had first, so that no timer is ever armed for an
     // event that then cannot be queued, and a refused event is left as it was.
     if (x == nullptr)
         x = Ext::make(*this);
-    if (x == nullptr) {
-        errno = ENOMEM;
-        return kFailed;
-    }
+    if (x == nullptr)
+        return refusePost(this, &event, ENOMEM);
     EventRing ring(events_, x->head);
-    if (ring.reserveFor(x->slotsNeededLocked(*this)) != kOk) {
-        errno = ENOMEM;
-        return kFailed;
-    }
+    if (ring.reserveFor(x->slotsNeededLocked(*this)) != kOk)
+        return refusePost(this, &event, ENOMEM);
 
     event.timeStamp = Ext::knownTimeLocked(*this);
     event.owner = this;
@@ -486,13 +518,19 @@ int ltEventQueue::post(ltEvent& event, unsigned int ttlMs)
         const int id = x->monotonic.load(std::memory_order_relaxed)
                            ? armFromNow(loop_, intervalFromMs(ttlMs), cbEventTimeOut, &event)
                            : loop_.doAddTimer(timerAbsolute, event.lethalTime, ltTime::noTime, cbEventTimeOut, &event);
-        if (id == kNoId)
+        if (id == kNoId) {
+            LT_PROBE(event__refused, this, &event, errno);
             return kFailed;  // errno untouched, the owner stays set: kept as it always was
+        }
         event.ttlTimerId = id;
     } else {
         event.ttlTimerId = 0;
     }
     ring.push(&event);         // room was made above
+    // Fired before the unlock: from there on the event may be gone. The depth counts the
+    // claimed events not taken yet.
+    LT_PROBE(event__posted, this, &event, event.key1, event.key2, event.key3, event.key4, event.prio, ttlMs,
+             ring.size() + x->claim.left.load(std::memory_order_relaxed));
     lock.unlock();             // from here the loop may take, expire and delete the event
 
     loop_.wakeupEventLoop();
@@ -646,6 +684,7 @@ int ltEventQueue::cbEventTimeOut(int id, const ltTime& /*expiry*/, void* p)
     ltEventQueue* queue = event->owner;  // written by post before it armed this timer
     if (queue == nullptr)
         return 0;
+    LT_PROBE(event__expired, queue, event);
     Ext* x = Ext::of(*queue);
     bool queued = false;
     if (x != nullptr) {
@@ -678,6 +717,7 @@ int ltEventQueue::cbEventTimeOut(int id, const ltTime& /*expiry*/, void* p)
             return 0;
         }
     }
+    LT_PROBE(event__deleted, queue, event);
     delete event;
     return 0;
 }
@@ -688,9 +728,10 @@ int ltEventQueue::cbEventHandlerTimeOut(int id, const ltTime& /*expiry*/, void* 
     ltEventQueue* queue = h->owner;
     if (queue == nullptr)
         return 0;
+    LT_PROBE(handler__lethal, queue, h, h->lethalTime.sec, h->lethalTime.usec);
     Ext* x = Ext::of(*queue);
     if (x == nullptr) {  // every queue that armed a lethal timer has one
-        (void)h->invoke(*queue, nullptr, ltEventHandler::kReasonLethalTime);
+        (void)invokeHandler(*queue, nullptr, h, ltEventHandler::kReasonLethalTime);
         if (!isPersistent(*h))
             Ext::leave(*queue, nullptr, h, Ext::handlerIndex(*queue, h, -1));
         return 0;
@@ -698,7 +739,7 @@ int ltEventQueue::cbEventHandlerTimeOut(int id, const ltTime& /*expiry*/, void* 
     x->forgetLethalTimer(h, id);  // it has fired
     Ext::FrameScope frame(*x, nullptr);
     frame->handler = h;
-    (void)h->invoke(*queue, nullptr, ltEventHandler::kReasonLethalTime);
+    (void)invokeHandler(*queue, nullptr, h, ltEventHandler::kReasonLethalTime);
     if (frame->handlerGone || isPersistent(*h))
         return 0;
     Ext::leave(*queue, x, h, Ext::handlerIndex(*queue, h, -1));

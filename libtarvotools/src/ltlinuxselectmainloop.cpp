@@ -6,11 +6,13 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <new>
 #include <vector>
 
 #include "ltdebug.h"
 #include "ltmutexlock.h"
+#include "ltprobes.h"
 #include "ltresult.h"
 #include "ltsidetable.h"
 
@@ -251,6 +253,7 @@ void ltLinuxSelectMainLoop::runOnePass(PassState& s)
     passCounter.store(static_cast<uint8_t>(passCounter.load(std::memory_order_relaxed) % kPassCounterModulo + 1),
                       std::memory_order_relaxed);
     const ltTime now = refreshNow();         // 'now' is not re-read while timers fire
+    LT_PROBE(loop__pass, this, now.sec, now.usec);
     const ltTime next = fireDueTimers(now);
     runMembersUntilIdle();
     rebuildDescriptorSetsIfDirty(s);
@@ -269,6 +272,7 @@ void ltLinuxSelectMainLoop::runOnePass(PassState& s)
     s.highestFd = std::max(s.highestFd, pipeRead_);
 
     int ready = select(s.highestFd + 1, &readSet, &writeSet, &exceptionSet, wait);
+    LT_PROBE(loop__select, this, ready, ready < 0 ? errno : 0);
     (void)__atomic_exchange_n(&wakeupPending_, 0, __ATOMIC_ACQ_REL);  // see wakeupEventLoop()
     if (hasFlags(kNowStale))
         (void)refreshNow();
@@ -391,6 +395,7 @@ void ltLinuxSelectMainLoop::dispatchReadyDescriptors(int ready, const fd_set& r,
             continue;
         ready -= 1;
         lock.unlock();
+        LT_PROBE(loop__io, this, e.id, e.fd, e.type, e.callback, e.userData);
         if (e.callback != nullptr)
             (void)e.callback(e.id, e.fd, e.userData);
         else

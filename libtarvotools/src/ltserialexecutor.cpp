@@ -11,6 +11,8 @@
 
 #include <boost/bind/bind.hpp>
 
+#include "ltprobes.h"
+
 // The worker waits on a condition variable that must not be fooled by wall-clock jumps.
 #if !defined(BOOST_THREAD_INTERNAL_CLOCK_IS_MONO)
 #error "boost::condition_variable does not use the monotonic clock on this platform"
@@ -65,7 +67,10 @@ void ltSerialExecutor::run()
         // Copy the job out and call the copy outside the lock, so posts never wait for it.
         boost::function<void ()> job = std::move(queue.front());
         queue.pop_front();
+        const size_t waiting = queue.size();
         lock.unlock();
+        LT_PROBE(job__begin, this, waiting);
         job();  // an empty job throws boost::bad_function_call out of the worker
+        LT_PROBE(job__end, this);
     }
 }

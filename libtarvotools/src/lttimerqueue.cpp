@@ -9,6 +9,7 @@
 
 #include <new>
 
+#include "ltprobes.h"
 #include "ltresult.h"
 
 ltTimerQueue::ltTimerQueue() = default;
@@ -97,8 +98,11 @@ int ltTimerQueue::getExpired(const _cspOsalTime_struct& now, boost::shared_ptr<l
     if (cspOsalCompareTime(&head->timeout, &now) > 0)
         return 0;  // not due yet; a timeout equal to 'now' is due
     out = head;
+    const bool repeating = out->isReoccuring();
+    // Seconds as a long: a probe argument is at most a register wide on every target.
+    LT_PROBE(timerqueue__expired, this, out.get(), static_cast<long>(out->timeout.sec), out->timeout.nsec, repeating);
 
-    if (out->isReoccuring()) {
+    if (repeating) {
         // Fire once, then skip every missed period: the next expiry is the first period
         // boundary strictly after 'now'. This also guarantees that a drain at 'now' ends.
         while (cspOsalCompareTime(&out->timeout, &now) <= 0)
