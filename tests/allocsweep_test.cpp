@@ -280,8 +280,7 @@ const Operation kOperations[] = {
          // Failure: no slots from the constructor; id 0 from putMember, the table as it was.
          std::unique_ptr<ltIdTable> t;
          run.run([&] { t.reset(new (std::nothrow) ltIdTable(4, 2, 4, true)); });
-         if (t == nullptr)
-             return;
+         if (t == nullptr) return;
          uint32_t rec = 1;
          int ids[9] = {};
          run.run([&] {
@@ -335,8 +334,7 @@ const Operation kOperations[] = {
          for (int n : {3, 20}) {
              std::unique_ptr<ltPointerList> list;
              run.run([&] { list.reset(new (std::nothrow) ltPointerList(n)); });
-             if (list == nullptr)
-                 continue;
+             if (list == nullptr) continue;
              EXPECT_EQ(0, list->getNEntries());
              int x = 0;
              EXPECT_EQ(0, list->addPointer(&x));
@@ -347,8 +345,7 @@ const Operation kOperations[] = {
          // Failure: -12 from expand; what was stored stays sorted, unique and intact.
          std::unique_ptr<ltSortedList> list;
          run.run([&] { list.reset(new (std::nothrow) ltSortedList(4, 2, 0, 3)); });
-         if (list == nullptr)
-             return;
+         if (list == nullptr) return;
          int r = 0;
          run.run([&] {
              for (uint32_t v = 20; v > 0; --v)
@@ -384,8 +381,7 @@ const Operation kOperations[] = {
                  copy = mask->clone();
          });
          for (ltEventMask* m : {mask, copy}) {
-             if (m == nullptr)
-                 continue;
+             if (m == nullptr) continue;
              EXPECT_TRUE(m->termCount == 0 || m->termCount == mask->termCount);
              EXPECT_TRUE(m->matches(match));
              EXPECT_EQ(m->termCount == 0, m->matches(other));
@@ -398,8 +394,7 @@ const Operation kOperations[] = {
          // Failure: std::bad_alloc from the constructor.
          std::unique_ptr<DrivenLoop> loop;
          (void)run.runThrowing([&] { loop.reset(new DrivenLoop); });
-         if (loop == nullptr)
-             return;
+         if (loop == nullptr) return;
          const ltTime second(1, 0);
          const int id = loop->doAddTimer(timerPeriodic, second, second, noTimer, nullptr);
          EXPECT_TRUE(id != 0 || run.failed());
@@ -577,8 +572,7 @@ const Operation kOperations[] = {
              } catch (const boost::thread_resource_error&) {
              }
          });
-         if (ex == nullptr)
-             return;
+         if (ex == nullptr) return;
          const boost::function<void()> job = boost::bind(+[](std::atomic<int>* n) { n->fetch_add(1); }, &ran);
          for (int i = 0; i < 3; ++i)  // the deque's first block, then more
              ex->post(job);
@@ -600,8 +594,7 @@ const Operation kOperations[] = {
          const std::string& path = files().config;
          std::unique_ptr<ltConfiguration> c;
          (void)run.runThrowing([&] { c.reset(new ltConfiguration(path)); });
-         if (c == nullptr)
-             return;
+         if (c == nullptr) return;
          if (c->initError()) {
              EXPECT_NE(std::string::npos, c->getInitError().find(path)) << c->getInitError();
              EXPECT_EQ(-1, c->getInteger("tuner/count", -1));
@@ -637,8 +630,7 @@ const Operation kOperations[] = {
          // Failure: std::bad_alloc from the constructor.
          std::unique_ptr<LtUri> u;
          (void)run.runThrowing([&] { u.reset(new LtUri(kUri)); });
-         if (u == nullptr)
-             return;
+         if (u == nullptr) return;
          EXPECT_EQ("dvbt", u->getScheme());
          unsigned v = 0;
          EXPECT_EQ(0, u->getValue("sid", v));
@@ -706,9 +698,8 @@ const Operation kOperations[] = {
              }
          });
          EXPECT_FALSE(threw);
-         if (!out.empty() || !run.failed()) {
+         if (!out.empty() || !run.failed())
              EXPECT_EQ("binary data with some length to it", std::string(out.begin(), out.end()));
-         }
      }},
     {"Md5", [](Attempt& run) {
          // Failure: std::bad_alloc.
@@ -716,9 +707,8 @@ const Operation kOperations[] = {
          static const std::string expected = LTmd5(text).toString();
          std::string hex;
          (void)run.runThrowing([&] { hex = LTmd5(text).toString(); });
-         if (!hex.empty() || !run.failed()) {
+         if (!hex.empty() || !run.failed())
              EXPECT_EQ(expected, hex);
-         }
      }},
     {"ImageHash", [](Attempt& run) {
          // Failure: false from update or finalize (sticky), the object finalized all the same.
@@ -741,12 +731,10 @@ const Operation kOperations[] = {
                  finished = h->finalize();
              }
          });
-         if (h == nullptr)
-             return;
+         if (h == nullptr) return;
          EXPECT_TRUE(h->isFinalized());
-         if (finished) {
+         if (finished)
              EXPECT_EQ(0, std::memcmp(expected, h->Hash(), sizeof expected));
-         }
          EXPECT_TRUE((updated && finished) || run.failed());
      }},
     {"CryptFiles", [](Attempt& run) {
@@ -763,9 +751,8 @@ const Operation kOperations[] = {
          });
          EXPECT_TRUE(rEnc == 0 || rEnc == -1 || rEnc == -2) << rEnc;
          EXPECT_TRUE(rDec == 0 || rDec == -1 || rDec == -2 || rDec == 1) << rDec;
-         if (rEnc == 0 && rDec == 0) {
+         if (rEnc == 0 && rDec == 0)
              EXPECT_EQ(f.content, crypto_test::readFile(f.back));
-         }
          EXPECT_TRUE((rEnc == 0 && rDec == 0) || run.failed());
          expectCryptUsable(c);
      }},
@@ -864,9 +851,8 @@ TEST(AllocSweepInChild, RsaKeyFileAndPublicKeyOperation)
                 EXPECT_EQ(0, std::memcmp(expected, out, sizeof out));
             }
             // Still usable: a key read whole works now; one cut short keeps failing cleanly.
-            if (r != nullptr && r->encryptSignature(from, out)) {
+            if (r != nullptr && r->encryptSignature(from, out))
                 EXPECT_EQ(0, std::memcmp(expected, out, sizeof out));
-            }
             delete r;
             ERR_clear_error();
         }, false);
