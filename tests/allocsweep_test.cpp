@@ -21,6 +21,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <boost/bind/bind.hpp>
@@ -108,12 +109,9 @@ const Files& files()
 // post failed (the caller then deleted it) and whether it has a time to live.
 struct Tally {
     static constexpr int kEvents = 560;
-    int delivered[kEvents] = {};
-    int destroyed[kEvents] = {};
-    bool postFailed[kEvents] = {};
-    bool hasTtl[kEvents] = {};
-    int lateCalls = 0;  // a handler offered an event already deleted
-    int lethalCalls = 0;
+    int delivered[kEvents] = {}, destroyed[kEvents] = {};
+    bool postFailed[kEvents] = {}, hasTtl[kEvents] = {};
+    int lateCalls = 0, lethalCalls = 0;  // lateCalls: a handler offered an event already deleted
 };
 
 struct RoadEvent : ltEvent {
@@ -125,12 +123,8 @@ struct RoadEvent : ltEvent {
 int laterHandler(ltEventQueue&, ltEvent* e, int reason, void* user)
 {
     auto* t = static_cast<Tally*>(user);
-    if (reason != 0) {
-        t->lethalCalls += 1;
-        return 0;
-    }
-    t->lateCalls += t->destroyed[e->key2] != 0;
-    return 1;
+    (reason != 0 ? t->lethalCalls : t->lateCalls) += reason != 0 || t->destroyed[e->key2] != 0;
+    return reason != 0 ? 0 : 1;
 }
 
 // Event i: i % 5 == 0 is kept (put back) on its first delivery, i % 5 == 1 stops at the
@@ -141,9 +135,7 @@ int firstHandler(ltEventQueue& q, ltEvent* e, int reason, void* user)
         return 0;
     const unsigned i = e->key2;
     const int n = ++static_cast<Tally*>(user)->delivered[i];
-    if (i % 5 == 0)
-        return n == 1 ? 0 : 1;
-    return i % 5 == 1 ? -1 : 1;
+    return i % 5 == 0 ? (n == 1 ? 0 : 1) : i % 5 == 1 ? -1 : 1;
 }
 
 // Posts events [from, to): events kept by the first handler get a time to live (a kept event
@@ -192,13 +184,9 @@ void settle(DrivenLoop& loop, ltEventQueue& q, const Tally& t, int posted)
     for (int i = 0; i < posted; ++i) {
         SCOPED_TRACE("event " + std::to_string(i));
         EXPECT_EQ(1, t.destroyed[i]);
-        if (t.postFailed[i]) {
-            EXPECT_EQ(0, t.delivered[i]);
-        } else if (!t.hasTtl[i]) {
-            EXPECT_EQ(1, t.delivered[i]) << "lost";
-        } else {
-            EXPECT_LE(t.delivered[i], i % 5 == 0 ? 2 : 1);
-        }
+        const int least = t.postFailed[i] || t.hasTtl[i] ? 0 : 1;
+        const int most = t.postFailed[i] ? 0 : t.hasTtl[i] && i % 5 == 0 ? 2 : 1;
+        EXPECT_TRUE(t.delivered[i] >= least && t.delivered[i] <= most) << "delivered " << t.delivered[i];
     }
 }
 
@@ -229,16 +217,11 @@ const Operation kOperations[] = {
     {"LfcUtilAllocations", [](Attempt& run) {
          // Failure: null, and nothing counted in lfcUtilMallocUsed.
          const int32_t used = lfcUtilMallocUsed;
-         void *a = nullptr, *c = nullptr;
-         char* s = nullptr;
-         run.run([&] {
-             a = lfcUtil::malloc(40);
-             c = lfcUtil::calloc(4, 10);
-             s = lfcUtil::strdup("text");
-         });
+         void *a = nullptr, *c = nullptr, *s = nullptr;
+         run.run([&] { a = lfcUtil::malloc(40); c = lfcUtil::calloc(4, 10); s = lfcUtil::strdup("text"); });
          EXPECT_EQ(used + (a ? 40 : 0) + (c ? 40 : 0) + (s ? 5 : 0), lfcUtilMallocUsed);
-         EXPECT_TRUE(s == nullptr || std::strcmp("text", s) == 0);
-         for (void* p : {a, c, static_cast<void*>(s)})
+         EXPECT_TRUE(s == nullptr || std::strcmp("text", static_cast<char*>(s)) == 0);
+         for (void* p : {a, c, s})
              lfcUtil::free(p);
          EXPECT_EQ(used, lfcUtilMallocUsed);
      }},
@@ -248,8 +231,7 @@ const Operation kOperations[] = {
          static Item items[64];
          const int32_t used = lfcUtilMallocUsed;
          {
-             lfcVector v;            // the first add allocates 15 slots
-             lfcVector other(0, 1);  // 2 slots
+             lfcVector v, other(0, 1);  // v's first add allocates 15 slots, other has 2
              int r[5] = {};
              run.run([&] {
                  r[0] = v.add(items[0]);
@@ -270,8 +252,7 @@ const Operation kOperations[] = {
              EXPECT_TRUE(run.failed() || (v.getSize() == 23 && v.elementAt(1) == &items[17]));
              const int before = v.getSize();
              EXPECT_EQ(0, v.add(items[63]));
-             EXPECT_EQ(before + 1, v.getSize());
-             EXPECT_EQ(&items[63], v.elementAt(before));
+             EXPECT_EQ(std::make_tuple(before + 1, &items[63]), std::make_tuple(v.getSize(), v.elementAt(before)));
              EXPECT_EQ(0, v.remove(items[63]));
          }
          EXPECT_EQ(used, lfcUtilMallocUsed);
@@ -283,15 +264,12 @@ const Operation kOperations[] = {
          if (t == nullptr) return;
          uint32_t rec = 1;
          int ids[9] = {};
-         run.run([&] {
-             for (int i = 0; i < 9; ++i, ++rec)
-                 ids[i] = t->putMember(&rec);
-         });
+         run.run([&] { for (int i = 0; i < 9; ++i, ++rec) ids[i] = t->putMember(&rec); });
          EXPECT_EQ(9 - std::count(ids, ids + 9, 0), t->count);
          if (t->slots != nullptr) {  // there is room: the next put works
              rec = 100;
              const int id = t->putMember(&rec);
-             EXPECT_NE(0, id);
+             ASSERT_NE(0, id);
              EXPECT_EQ(100u, *static_cast<uint32_t*>(t->slotFor(id)));
              EXPECT_EQ(0, t->removeMember(id));
          }
@@ -337,8 +315,7 @@ const Operation kOperations[] = {
              if (list == nullptr) continue;
              EXPECT_EQ(0, list->getNEntries());
              int x = 0;
-             EXPECT_EQ(0, list->addPointer(&x));
-             EXPECT_TRUE(list->hasPointer(&x));
+             EXPECT_TRUE(list->addPointer(&x) == 0 && list->hasPointer(&x));
          }
      }},
     {"SortedListAddAndExpand", [](Attempt& run) {
@@ -361,31 +338,26 @@ const Operation kOperations[] = {
          }
          const int before = list->count;
          uint32_t v = 1000;
-         EXPECT_EQ(0, list->add(&v));
-         EXPECT_EQ(before + 1, list->count);
          bool found = false;
+         EXPECT_EQ(0, list->add(&v));
          (void)list->search(&v, &found);
-         EXPECT_TRUE(found);
+         EXPECT_TRUE(found && list->count == before + 1);
      }},
     {"EventMaskConstructionAndClone", [](Attempt& run) {
          // Failure: a mask (or clone) without terms, which matches everything.
          static const char kText[] = "ab";
          ltEvent match(7, 0, 0, 0, "abc", ltEvent::kDataNotOwned);
          ltEvent other(8, 0, 0, 0, "abc", ltEvent::kDataNotOwned);
-         ltEventMask* mask = nullptr;
-         ltEventMask* copy = nullptr;
+         ltEventMask *mask = nullptr, *copy = nullptr;
          run.run([&] {
              mask = new (std::nothrow) ltEventMask(ltEventMask::kMaskNone, 1, ltEventMask::kKeyEqual, 7u, 5,
                                                    ltEventMask::kDataPrefix, kText, 0);
              if (mask != nullptr)
                  copy = mask->clone();
          });
-         for (ltEventMask* m : {mask, copy}) {
-             if (m == nullptr) continue;
-             EXPECT_TRUE(m->termCount == 0 || m->termCount == mask->termCount);
-             EXPECT_TRUE(m->matches(match));
-             EXPECT_EQ(m->termCount == 0, m->matches(other));
-         }
+         for (ltEventMask* m : {mask, copy})
+             EXPECT_TRUE(m == nullptr || ((m->termCount == 0 || m->termCount == mask->termCount) && m->matches(match) &&
+                                          (m->termCount == 0) == m->matches(other)));
          EXPECT_TRUE(run.failed() || (copy != nullptr && copy->termCount == 2));
          delete copy;
          delete mask;
@@ -576,10 +548,7 @@ const Operation kOperations[] = {
          const boost::function<void()> job = boost::bind(+[](std::atomic<int>* n) { n->fetch_add(1); }, &ran);
          for (int i = 0; i < 3; ++i)  // the deque's first block, then more
              ex->post(job);
-         run.run([&] {
-             for (int i = 0; i < 200; ++i)
-                 ex->post(job);
-         });
+         run.run([&] { for (int i = 0; i < 200; ++i) ex->post(job); });
          std::atomic<bool> done{false};
          ex->post(boost::bind(+[](std::atomic<bool>* d) { d->store(true); }, &done));
          for (int i = 0; i < 2000 && !done.load(); ++i)
@@ -698,8 +667,9 @@ const Operation kOperations[] = {
              }
          });
          EXPECT_FALSE(threw);
-         if (!out.empty() || !run.failed())
+         if (!out.empty() || !run.failed()) {
              EXPECT_EQ("binary data with some length to it", std::string(out.begin(), out.end()));
+         }
      }},
     {"Md5", [](Attempt& run) {
          // Failure: std::bad_alloc.
@@ -707,8 +677,9 @@ const Operation kOperations[] = {
          static const std::string expected = LTmd5(text).toString();
          std::string hex;
          (void)run.runThrowing([&] { hex = LTmd5(text).toString(); });
-         if (!hex.empty() || !run.failed())
+         if (!hex.empty() || !run.failed()) {
              EXPECT_EQ(expected, hex);
+         }
      }},
     {"ImageHash", [](Attempt& run) {
          // Failure: false from update or finalize (sticky), the object finalized all the same.
@@ -733,8 +704,9 @@ const Operation kOperations[] = {
          });
          if (h == nullptr) return;
          EXPECT_TRUE(h->isFinalized());
-         if (finished)
+         if (finished) {
              EXPECT_EQ(0, std::memcmp(expected, h->Hash(), sizeof expected));
+         }
          EXPECT_TRUE((updated && finished) || run.failed());
      }},
     {"CryptFiles", [](Attempt& run) {
@@ -751,8 +723,9 @@ const Operation kOperations[] = {
          });
          EXPECT_TRUE(rEnc == 0 || rEnc == -1 || rEnc == -2) << rEnc;
          EXPECT_TRUE(rDec == 0 || rDec == -1 || rDec == -2 || rDec == 1) << rDec;
-         if (rEnc == 0 && rDec == 0)
+         if (rEnc == 0 && rDec == 0) {
              EXPECT_EQ(f.content, crypto_test::readFile(f.back));
+         }
          EXPECT_TRUE((rEnc == 0 && rDec == 0) || run.failed());
          expectCryptUsable(c);
      }},
@@ -779,10 +752,7 @@ const Operation kOperations[] = {
          // Failure: a failed copy of the URI is reported by load() (-1).
          ltPluginLoader p;
          int rSet = 1, rLoad = 1;
-         run.run([&] {
-             rSet = p.setURI("libm.so.6");
-             rLoad = p.load();
-         });
+         run.run([&] { rSet = p.setURI("libm.so.6"); rLoad = p.load(); });
          EXPECT_EQ(0, rSet);
          EXPECT_EQ(-1, rLoad);
          EXPECT_FALSE(p.isLoaded());
@@ -851,8 +821,9 @@ TEST(AllocSweepInChild, RsaKeyFileAndPublicKeyOperation)
                 EXPECT_EQ(0, std::memcmp(expected, out, sizeof out));
             }
             // Still usable: a key read whole works now; one cut short keeps failing cleanly.
-            if (r != nullptr && r->encryptSignature(from, out))
+            if (r != nullptr && r->encryptSignature(from, out)) {
                 EXPECT_EQ(0, std::memcmp(expected, out, sizeof out));
+            }
             delete r;
             ERR_clear_error();
         }, false);

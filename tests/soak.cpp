@@ -344,14 +344,7 @@ int main(int argc, char** argv)
             rssAfterWarmUp = residentKiB();
             heapAfterWarmUp = heapKiB();
             postedAfterWarmUp = posted.load();
-            for (int minute = 1; Clock::now() - started < runFor;) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(500));
-                if (Clock::now() - started < std::chrono::minutes(minute))
-                    continue;
-                std::printf("%d min: %lld posted, %lld deleted, resident %ld KiB, heap %ld KiB, "
-                            "lfcUtilMallocUsed %d\n", minute++, posted.load(), destroyedEvents.load(),
-                            residentKiB(), heapKiB(), static_cast<int>(lfcUtilMallocUsed));
-            }
+            std::this_thread::sleep_until(started + runFor);
             stop.store(true);
             for (std::thread& t : posters)
                 t.join();
