@@ -132,8 +132,7 @@ SoakHandler::SoakHandler(ltEventMask* mask, int flags, Role role, ltTime* lethal
 }
 
 struct Pipes {
-    int r[kPipes], w[kPipes];
-    int handle[kPipes] = {};
+    int r[kPipes], w[kPipes], handle[kPipes] = {};
 };
 
 int drainPipe(int, int fd, void*)
