@@ -44,15 +44,9 @@ void* bootAlloc(size_t n)
     return p + 16;
 }
 
-size_t bootSize(const void* p)
-{
-    return *reinterpret_cast<const size_t*>(static_cast<const char*>(p) - 16);
-}
+size_t bootSize(const void* p) { return *reinterpret_cast<const size_t*>(static_cast<const char*>(p) - 16); }
 
-bool isBoot(const void* p)
-{
-    return p >= bootBuffer && p < bootBuffer + sizeof bootBuffer;
-}
+bool isBoot(const void* p) { return p >= bootBuffer && p < bootBuffer + sizeof bootBuffer; }
 
 struct Nested {
     Nested() { ++tDepth; }
@@ -98,10 +92,7 @@ void* (*nextAlignedAlloc)(size_t, size_t);
 void* (*nextMemalign)(size_t, size_t);
 int (*nextPosixMemalign)(void**, size_t, size_t);
 
-long long usableSize(void* p)
-{
-    return static_cast<long long>(forward(nextUsableSize, "malloc_usable_size", p));
-}
+long long usableSize(void* p) { return static_cast<long long>(forward(nextUsableSize, "malloc_usable_size", p)); }
 
 void* added(void* p)
 {
@@ -131,10 +122,7 @@ template <class Fn, class... A> void* allocate(Fn& next, const char* name, A... 
 
 extern "C" {
 
-void* malloc(size_t n)
-{
-    return ready ? allocate(nextMalloc, "malloc", n) : bootAlloc(n);
-}
+void* malloc(size_t n) { return ready ? allocate(nextMalloc, "malloc", n) : bootAlloc(n); }
 
 void* calloc(size_t n, size_t m)
 {
@@ -168,15 +156,9 @@ void free(void* p)
 }
 
 // Over-aligned operator new comes here: counted and failed like malloc, released by free().
-void* aligned_alloc(size_t align, size_t n)
-{
-    return allocate(nextAlignedAlloc, "aligned_alloc", align, n);
-}
+void* aligned_alloc(size_t align, size_t n) { return allocate(nextAlignedAlloc, "aligned_alloc", align, n); }
 
-void* memalign(size_t align, size_t n)
-{
-    return allocate(nextMemalign, "memalign", align, n);
-}
+void* memalign(size_t align, size_t n) { return allocate(nextMemalign, "memalign", align, n); }
 
 int posix_memalign(void** out, size_t align, size_t n)
 {
@@ -251,10 +233,7 @@ void* operator new[](size_t n, const std::nothrow_t& t) noexcept
 {
     return newForm<false>(nextNewArrayNothrow, "_Zna" LT_SZ LT_NOTHROW, n, t);
 }
-void* operator new(size_t n, std::align_val_t a)
-{
-    return newForm<true>(nextNewAligned, "_Znw" LT_SZ LT_ALIGN, n, a);
-}
+void* operator new(size_t n, std::align_val_t a) { return newForm<true>(nextNewAligned, "_Znw" LT_SZ LT_ALIGN, n, a); }
 void* operator new[](size_t n, std::align_val_t a)
 {
     return newForm<true>(nextNewArrayAligned, "_Zna" LT_SZ LT_ALIGN, n, a);

@@ -132,8 +132,7 @@ SoakHandler::SoakHandler(ltEventMask* mask, int flags, Role role, ltTime* lethal
 }
 
 struct Pipes {
-    int r[kPipes], w[kPipes];
-    int handle[kPipes] = {};
+    int r[kPipes], w[kPipes], handle[kPipes] = {};
 };
 
 int drainPipe(int, int fd, void*)
@@ -344,14 +343,7 @@ int main(int argc, char** argv)
             rssAfterWarmUp = residentKiB();
             heapAfterWarmUp = heapKiB();
             postedAfterWarmUp = posted.load();
-            for (int minute = 1; Clock::now() - started < runFor;) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(500));
-                if (Clock::now() - started < std::chrono::minutes(minute))
-                    continue;
-                std::printf("%d min: %lld posted, %lld deleted, resident %ld KiB, heap %ld KiB, "
-                            "lfcUtilMallocUsed %d\n", minute++, posted.load(), destroyedEvents.load(),
-                            residentKiB(), heapKiB(), static_cast<int>(lfcUtilMallocUsed));
-            }
+            std::this_thread::sleep_until(started + runFor);
             stop.store(true);
             for (std::thread& t : posters)
                 t.join();

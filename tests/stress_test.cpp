@@ -99,15 +99,9 @@ struct TimerCounts {
     std::atomic<int> oneShots{0}, periodic{0};
 };
 
-int countOneShot(int, const ltTime&, void* user)
+int countFiring(int, const ltTime&, void* counter)
 {
-    static_cast<TimerCounts*>(user)->oneShots.fetch_add(1);
-    return 0;
-}
-
-int countPeriodic(int, const ltTime&, void* user)
-{
-    static_cast<TimerCounts*>(user)->periodic.fetch_add(1);
+    static_cast<std::atomic<int>*>(counter)->fetch_add(1);
     return 0;
 }
 
@@ -116,7 +110,7 @@ int countPeriodic(int, const ltTime&, void* user)
 bool barrier(RunningLoop& loop, TimerCounts& c)
 {
     const int before = c.oneShots.load();
-    return loop.doAddTimer(timerAbsolute, lt_internal::wallClockNow(), ltTime::noTime, countOneShot, &c) != 0 &&
+    return loop.doAddTimer(timerAbsolute, lt_internal::wallClockNow(), ltTime::noTime, countFiring, &c.oneShots) != 0 &&
            waitFor([&] { return c.oneShots.load() > before; });
 }
 
@@ -137,7 +131,7 @@ TEST(LoopStress, TimersAddedAndRemovedFromEightThreadsFireAndStopFiring)
             // Short periodic timers come and go, some removed before they could ever fire.
             // Each id is removed once only: a stale id could name another thread's new timer.
             const int id = loop.doAddTimer(timerPeriodic, ltTime::noTime,
-                                           ltTime(0, 1000 + static_cast<int>(random() % 5000)), countPeriodic, &c);
+                                           ltTime(0, 1000 + static_cast<int>(random() % 5000)), countFiring, &c.periodic);
             refused.fetch_add(id == 0 ? 1 : 0);
             if (id != 0 && random() % 2 == 0)
                 loop.removeTimer(id);
