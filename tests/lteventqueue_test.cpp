@@ -198,6 +198,7 @@ struct AppLoop : ltMainLoop {
     };
     std::map<int, Timer> timers;
     std::vector<int> removed;  // removeTimer() arguments, in order
+    std::vector<std::pair<timerFlags_t, ltTime>> added;  // doAddTimer() flags and first expiry
     int nextId = 100;
 
     int registerMainLoopMember(const ltMainLoopMember&) override { return 1; }
@@ -213,8 +214,9 @@ struct AppLoop : ltMainLoop {
     void exec() override {}
     ltTime getNextWakeupTime() override { return ltTime(0, 0); }
     void processTimeouts() override {}
-    int doAddTimer(timerFlags_t, const ltTime&, const ltTime&, ltTimerCallback cb, void* userData) override
+    int doAddTimer(timerFlags_t f, const ltTime& first, const ltTime&, ltTimerCallback cb, void* userData) override
     {
+        added.emplace_back(f, first);
         timers[++nextId] = {cb, userData};
         return nextId;
     }
@@ -459,15 +461,7 @@ TEST(MonotonicTimeouts, TtlsAndLethalTimesRunFromNowWhereTheKeptOnesEndAtOnce)
     driven.unregisterMainLoopMember(member, road);
 
     // Any other kind of loop is given the wall-clock time at which the duration ends.
-    struct WallLoop : AppLoop {
-        std::vector<std::pair<timerFlags_t, ltTime>> added;
-        int doAddTimer(timerFlags_t f, const ltTime& first, const ltTime& period, ltTimerCallback cb,
-                       void* user) override
-        {
-            added.emplace_back(f, first);
-            return AppLoop::doAddTimer(f, first, period, cb, user);
-        }
-    } loop;
+    AppLoop loop;
     ltEventQueue queue(loop);
     queue.useMonotonicTimeouts();
     Recorder local;

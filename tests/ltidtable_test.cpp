@@ -25,7 +25,7 @@ const Rec& at(const ltIdTable& t, int id)
     return *static_cast<const Rec*>(t.slotFor(id));
 }
 
-TEST(IdTableIds, GrowByDoublingUpToTheCap)
+TEST(IdTableIds, GrowByDoublingUpToTheCapAndProbeRoundRobin)
 {
     ltIdTable t(4, 2, 3, true);
     EXPECT_EQ(1, put(t, 11));
@@ -41,22 +41,19 @@ TEST(IdTableIds, GrowByDoublingUpToTheCap)
     // Growth kept every record in place.
     for (int id = 1; id <= 4; ++id)
         EXPECT_EQ(static_cast<uint32_t>(10 + id), at(t, id).key);
-}
 
-// Round-robin from the last slot handed out: a freed slot is reused last, and when the probe
-// wraps past the end of the table the ids it hands out carry the next generation.
-TEST(IdTableIds, ProbesRoundRobinAndCountsWrapsInTheGeneration)
-{
-    ltIdTable t(4, 2, 3, true);
-    const int a = put(t, 1), b = put(t, 2);
-    ASSERT_EQ(0, t.removeMember(a));
-    const int c = put(t, 3);
+    // Round-robin from the last slot handed out: a freed slot is reused last, and when the
+    // probe wraps past the end of the table the ids it hands out carry the next generation.
+    ltIdTable r(4, 2, 3, true);
+    const int a = put(r, 1), b = put(r, 2);
+    ASSERT_EQ(0, r.removeMember(a));
+    const int c = put(r, 3);
     EXPECT_EQ(3, c);  // slot 1 is free, but the probe goes on from slot 2
-    ASSERT_EQ(0, t.removeMember(b));
-    ASSERT_EQ(0, t.removeMember(c));
-    const int again = put(t, 4);
+    ASSERT_EQ(0, r.removeMember(b));
+    ASSERT_EQ(0, r.removeMember(c));
+    const int again = put(r, 4);
     EXPECT_EQ(1 + (1 << 3), again);  // slot 1 after the wrap, generation 1 above the 3 id bits
-    EXPECT_EQ(4u, at(t, again).key);
+    EXPECT_EQ(4u, at(r, again).key);
 }
 
 TEST(IdTableRefusal, FreeLookingRecordsAndNullAreRefused)

@@ -238,52 +238,39 @@ TEST(SelectWakeup, SingletonIsCreatedOnce)
 
 // ---- Opt-ins: persistent descriptors, run() and quit() --------------------------------------
 
-struct TestLoop : ltLinuxSelectMainLoop {
-    using ltLinuxSelectMainLoop::beginExec;
-    using ltLinuxSelectMainLoop::runOnePass;
-    using PassState = ltLinuxSelectMainLoop::PassState;
-};
-
-TEST(PersistentHandle, IsDispatchedOnEveryPassUntilRemovedWhileAPlainOneIsNot)
+// A persistent handle is dispatched on every pass, even one after which no descriptor set is
+// rebuilt, until removed; a plain one only after a rebuild.
+TEST_F(SelectPass, PersistentHandleIsDispatchedOnEveryPassUntilRemoved)
 {
-    TestLoop loop;
-    TestLoop::PassState s;
-    loop.beginExec(s);
-    // Bounds every select(): a descriptor left unwatched costs a pass, not a hang.
-    ASSERT_NE(0, loop.doAddTimer(timerPeriodic, ltTime::noTime, ltTime(0, 50000),
-                                 [](int, const ltTime&, void*) { return 0; }, nullptr));
     Pipe plainPipe, keptPipe;
-    Calls plain, kept;
-    const int plainId = loop.doAddIOHandle(handleRead, handleNoFlags, plainPipe.r, onReady, &plain);
+    Calls kept;
+    const int plainId = watch(plainPipe.r);
     const int keptId = loop.addPersistentIOHandle(handleRead, keptPipe.r, onReady, &kept);
     ASSERT_NE(0, keptId);
     EXPECT_NE(plainId, keptId);
     EXPECT_EQ(0, loop.addPersistentIOHandle(handleRead, -1, onReady, &kept));
     plainPipe.put();
-    keptPipe.put();      // neither is read: both stay ready
-    loop.runOnePass(s);  // rebuilt: both
-    loop.runOnePass(s);  // no change: the persistent one only
+    keptPipe.put();  // neither is read: both stay ready
+    loop.pass();     // rebuilt: both
+    loop.pass();     // no change: the persistent one only
     {
         // Another loop's rebuild moves the process-wide handle generation on.
-        TestLoop other;
-        TestLoop::PassState os;
-        other.beginExec(os);
+        DrivenLoop other;
         Pipe otherPipe;
         Calls otherCalls;
         ASSERT_NE(0, other.doAddIOHandle(handleRead, handleNoFlags, otherPipe.r, onReady, &otherCalls));
         otherPipe.put();
-        other.runOnePass(os);
+        other.pass();
         ASSERT_EQ(1u, otherCalls.ids.size());
     }
-    loop.runOnePass(s);
-    EXPECT_EQ(std::vector<int>{plainId}, plain.ids);
+    loop.pass();
+    EXPECT_EQ(std::vector<int>{plainId}, calls.ids);
     EXPECT_EQ(std::vector<int>(3, keptId), kept.ids);
-
     loop.removeIOHandle(keptId);
-    loop.runOnePass(s);  // rebuilt without it: the plain one once more
-    loop.runOnePass(s);
+    loop.pass();  // rebuilt without it: the plain one once more
+    loop.pass();
     EXPECT_EQ(3u, kept.ids.size());
-    EXPECT_EQ(2u, plain.ids.size());
+    EXPECT_EQ(2u, calls.ids.size());
 }
 
 struct Nested {
@@ -301,7 +288,7 @@ int runNestedThenQuit(int, const ltTime&, void* user)
 
 TEST(RunAndQuit, RunReturnsAfterQuitFromAnyThreadWhileExecIgnoresIt)
 {
-    TestLoop loop;
+    DrivenLoop loop(false);
     // A request made before run() is kept: run() returns after one pass, and consumes it.
     loop.quit();
     EXPECT_EQ(0, loop.run());
@@ -319,7 +306,7 @@ TEST(RunAndQuit, RunReturnsAfterQuitFromAnyThreadWhileExecIgnoresIt)
     EXPECT_EQ(0, running.get());
 
     // exec() ignores the request: it still fires a timer added after it.
-    auto* forever = new TestLoop;  // exec() never returns: the loop outlives the test
+    auto* forever = new DrivenLoop(false);  // exec() never returns: the loop outlives the test
     std::thread([forever] { forever->exec(); }).detach();
     forever->quit();
     std::promise<void> fired;
