@@ -10,7 +10,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -35,13 +34,8 @@ inline Bytes readFile(const std::string& path)
     return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-inline void writeFile(const std::string& path, const Bytes& data)
-{
-    std::ofstream(path, std::ios::binary | std::ios::trunc)
-        .write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
-}
-
-inline void writeFile(const std::string& path, const std::string& text) { writeFile(path, Bytes(text.begin(), text.end())); }
+inline void writeFile(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary | std::ios::trunc) << text; }
+inline void writeFile(const std::string& path, const Bytes& data) { writeFile(path, std::string(data.begin(), data.end())); }
 
 // A fresh directory under TMPDIR (or /tmp), removed with its contents at the end.
 class TempDir {
@@ -58,10 +52,7 @@ public:
     TempDir& operator=(const TempDir&) = delete;
     const std::string& path() const { return path_; }
     std::string file(const std::string& name) const { return path_ + "/" + name; }
-    std::string put(const std::string& name, const std::string& text) const  // returns the path
-    {
-        return writeFile(file(name), text), file(name);
-    }
+    std::string put(const std::string& name, const std::string& text) const { return writeFile(file(name), text), file(name); }
 
 private:
     std::string path_;
@@ -95,16 +86,14 @@ inline int openDescriptors()
 }
 
 // True when a line of captured reads "<file>:<line>:<func>(): <message>".
-inline bool hasDebugLine(const std::string& captured, const std::string& file,
-                         const std::string& func, const std::string& message)
+inline bool hasDebugLine(const std::string& captured, const std::string& file, const std::string& func,
+                         const std::string& message)
 {
     const std::string rest = ":" + func + "(): " + message;
-    for (size_t at = captured.find(file + ":"); at != std::string::npos; at = captured.find(file + ":", at + 1)) {
-        size_t end = at + file.size() + 1;
-        const size_t digits = end;
-        while (end < captured.size() && std::isdigit(static_cast<unsigned char>(captured[end])))
-            ++end;
-        if ((at == 0 || captured[at - 1] == '\n') && end > digits && captured.compare(end, rest.size(), rest) == 0)
+    for (size_t at = 0; (at = captured.find(file + ":", at)) != std::string::npos; ++at) {
+        const size_t from = at + file.size() + 1, end = captured.find_first_not_of("0123456789", from);
+        if ((at == 0 || captured[at - 1] == '\n') && end != std::string::npos && end > from &&
+            captured.compare(end, rest.size(), rest) == 0)
             return true;
     }
     return false;
@@ -121,10 +110,9 @@ inline Bytes randomBytes(size_t size, uint32_t seed)
 
 inline std::string hexOf(const unsigned char* data, size_t size)
 {
-    static const char kDigits[] = "0123456789abcdef";
     std::string out;
     for (size_t i = 0; i < size; ++i)
-        out += {kDigits[data[i] >> 4], kDigits[data[i] & 15]};
+        out += {"0123456789abcdef"[data[i] >> 4], "0123456789abcdef"[data[i] & 15]};
     return out;
 }
 
@@ -134,19 +122,18 @@ inline const std::string kKeyDir = "/usr/local/configuration/keys";  // where lt
 // empty tmpfs hides kKeyDir, or its nearest existing parent. Returns "" or why it failed.
 inline std::string makePrivateKeyDir()
 {
-    auto writeProcFile = [](const char* path, const std::string& text) {
-        return static_cast<bool>(std::ofstream(path) << text << std::flush);
-    };
+    auto put = [](const char* path, const std::string& text) { return bool(std::ofstream(path) << text << std::flush); };
+    auto failed = [](const std::string& step) { return step + ": " + std::strerror(errno); };
     if (const uid_t uid = geteuid(); uid != 0) {
-        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0 || !writeProcFile("/proc/self/setgroups", "deny") ||
-            !writeProcFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
-            !writeProcFile("/proc/self/gid_map", "0 " + std::to_string(getegid()) + " 1"))
-            return std::string("user namespace: ") + std::strerror(errno);
+        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0 || !put("/proc/self/setgroups", "deny") ||
+            !put("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
+            !put("/proc/self/gid_map", "0 " + std::to_string(getegid()) + " 1"))
+            return failed("user namespace");
     } else if (unshare(CLONE_NEWNS) != 0) {
-        return std::string("unshare(CLONE_NEWNS): ") + std::strerror(errno);
+        return failed("unshare(CLONE_NEWNS)");
     }
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)  // nothing leaks out
-        return std::string("making / private: ") + std::strerror(errno);
+        return failed("making / private");
     auto isDirectory = [](const std::string& path) {
         struct stat st;
         return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
@@ -157,11 +144,10 @@ inline std::string makePrivateKeyDir()
     if (base.empty() || base == "/usr")
         return "no directory to hide below /usr";
     if (mount("lt-test-keys", base.c_str(), "tmpfs", 0, "mode=0755") != 0)
-        return "mounting a tmpfs over " + base + ": " + std::strerror(errno);
-    for (size_t slash = kKeyDir.find('/', base.size() + 1);; slash = kKeyDir.find('/', slash + 1)) {
+        return failed("mounting a tmpfs over " + base);
+    for (size_t slash = base.size(); slash != std::string::npos;) {
+        slash = kKeyDir.find('/', slash + 1);
         (void)mkdir(kKeyDir.substr(0, slash).c_str(), 0755);  // an existing level fails harmlessly
-        if (slash == std::string::npos)
-            break;
     }
     return isDirectory(kKeyDir) ? "" : "could not create " + kKeyDir;
 }
@@ -179,10 +165,8 @@ inline void runWithPrivateKeyDir(const std::function<void()>& body)
     if (child == 0) {
         (void)close(reasonPipe[0]);
         const std::string reason = makePrivateKeyDir();
-        if (!reason.empty()) {
-            (void)!write(reasonPipe[1], reason.data(), reason.size());
-            _exit(kSetupRefused);
-        }
+        if (!reason.empty())
+            (void)!write(reasonPipe[1], reason.data(), reason.size()), _exit(kSetupRefused);
         body();
         std::fflush(nullptr);
         _exit(::testing::Test::HasFailure() ? 1 : 0);  // no second run of the exit handlers

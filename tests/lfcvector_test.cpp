@@ -125,24 +125,21 @@ TEST(VectorInsert, BelowSizeIntoAFullVectorKeepsCapacityAndEveryEntry)
     ASSERT_EQ(0, w.insert(objects[4], 99));
     EXPECT_EQ(-1, w.insert(objects[5], -2));
     EXPECT_EQ((Refs{&objects[0], &objects[1], &objects[2], &objects[3], &objects[4]}), contents(w));
-}
 
-TEST(VectorRemoval, CutsAtTheEndAndRejectsEmptyRanges)
-{
-    lfcVector v;
-    Refs model = fill(v, {0, 1, 2, 3, 4, 1});  // a duplicate: remove(object) takes the first
+    lfcVector r;
+    fill(r, {0, 1, 2, 3, 4, 1});  // a duplicate: remove(object) takes the first
     for (auto [at, n] : {std::pair{1, 0}, {-1, 1}, {6, 1}, {INT_MAX, 1}})
-        EXPECT_EQ(-1, v.remove(at, n)) << at << ", " << n;
-    EXPECT_EQ(-1, v.remove(objects[40]));
-    EXPECT_EQ(0, v.remove(objects[1]));
-    EXPECT_EQ(0, v.remove(3, INT_MAX));  // cut to the end
-    EXPECT_EQ(0, v.remove(2, 10));
-    EXPECT_EQ((Refs{&objects[0], &objects[2]}), contents(v));
+        EXPECT_EQ(-1, r.remove(at, n)) << at << ", " << n;
+    EXPECT_EQ(-1, r.remove(objects[40]));
+    EXPECT_EQ(0, r.remove(objects[1]));
+    EXPECT_EQ(0, r.remove(3, INT_MAX));  // cut to the end
+    EXPECT_EQ(0, r.remove(2, 10));
+    EXPECT_EQ((Refs{&objects[0], &objects[2]}), contents(r));
 
-    EXPECT_EQ(-1, v.replace(objects[9], 2));  // index == size
-    EXPECT_EQ(0, v.replace(objects[9], -1));  // only the upper bound is checked (kept); nothing stored
-    EXPECT_EQ(0, v.replace(objects[9], 1));
-    EXPECT_EQ((Refs{&objects[0], &objects[9]}), contents(v));
+    EXPECT_EQ(-1, r.replace(objects[9], 2));  // index == size
+    EXPECT_EQ(0, r.replace(objects[9], -1));  // only the upper bound is checked (kept); nothing stored
+    EXPECT_EQ(0, r.replace(objects[9], 1));
+    EXPECT_EQ((Refs{&objects[0], &objects[9]}), contents(r));
 }
 
 TEST(VectorIteration, RemovesWhatItReturnedAndCopiesCollections)

@@ -25,10 +25,7 @@ int64_t daysFromCivil(int64_t y, int m, int d)
     return era * 146097 + yoe * 365 + yoe / 4 - yoe / 100 + doy - 719468;
 }
 
-bool sameBytes(const ltCalendarTime& a, const ltCalendarTime& b)
-{
-    return std::memcmp(&a.calendar, &b.calendar, sizeof a.calendar) == 0 && a.time == b.time;
-}
+bool sameBytes(const ltCalendarTime& a, const ltCalendarTime& b) { return !std::memcmp(&a.calendar, &b.calendar, sizeof a.calendar) && a.time == b.time; }
 
 // A date ('d': day, month, year) or a time ('t': hour, minute, second) set on 10.3.2024 08:00.
 struct FieldCase {
@@ -68,9 +65,8 @@ TEST(CalendarFields, EachFieldIsCheckedAndARejectionChangesNothing)
         EXPECT_EQ(std::make_tuple(c.a, c.b - 1, c.c),
                   std::make_tuple(t.calendar.tm_mday, t.calendar.tm_mon, t.calendar.tm_year));
         const int64_t expected = daysFromCivil(c.c + 1900, c.b, c.a) * 86400 + 8 * 3600;
-        if (expected >= INT32_MIN && expected <= INT32_MAX) {
+        if (expected >= INT32_MIN && expected <= INT32_MAX)
             EXPECT_EQ(expected, t.time.sec);
-        }
     }
 }
 
@@ -89,7 +85,7 @@ TEST(CalendarFields, LeapSecondCarriesAndARejectedConstructorClears)
     EXPECT_EQ(3, ltCalendarTime(1, 3, 123, 10, 0, 0).calendar.tm_wday);  // filled by mktime: a Wednesday
 }
 
-TEST(CalendarZone, LtTimeRoundTripAppliesTheZoneOffset)
+TEST(CalendarZone, LtTimeRoundTripAppliesTheZoneOffsetAndSpecsOwnTheirName)
 {
     const ltCalendarTime source(15, 8, 123, 13, 45, 30);
     const ltTime& t = source;
@@ -111,10 +107,8 @@ TEST(CalendarZone, LtTimeRoundTripAppliesTheZoneOffset)
     ASSERT_EQ(1, back.setFromLtTime(t, ltTimeZoneSpec()));
     const struct tm &a = source.calendar, &b = back.calendar;
     EXPECT_EQ(std::make_tuple(a.tm_wday, a.tm_yday, a.tm_isdst), std::make_tuple(b.tm_wday, b.tm_yday, b.tm_isdst));
-}
 
-TEST(CalendarZone, ZoneSpecCopiesOwnTheirName)
-{
+    // Zone specs copy their name.
     ltTimeZoneSpec zone(5, 30);
     ASSERT_EQ(0, zone.name.assignFast(lvArg("IST")));
     ltTimeZoneSpec copy(zone), assigned;

@@ -36,17 +36,14 @@ TEST_F(ConfigFiles, ReadsNestedBlocksQuotedStringsIncludesAndDottedKeys)
         "empty \"\"\n");
     const ltConfiguration config(main);
     ASSERT_FALSE(config.initError()) << config.getInitError();
-    // A dot is part of a name; only '/' descends.
+    // A dot is part of a name; only '/' descends; an include lands in the block that has it.
     EXPECT_EQ("1080p", config.getString("video.mode", "-"));
     EXPECT_EQ("720p", config.getString("video/mode", "-"));
     EXPECT_EQ(8, config.getInteger("tuner/dvbt/bandwidth", 0));
     EXPECT_EQ("Tuner \"A\"\tone", config.getString("tuner/dvbt/name", "-"));
-    // The included file lands inside the block that includes it.
     EXPECT_EQ(9750, config.getInteger("tuner/dvbs/lnb.lof", 0));
     EXPECT_EQ(0, config.getInteger("tuner/dvbs/lnb/lof", 0));
-    // Of same-named siblings the first in file order is found.
-    EXPECT_EQ("first", config.getString("channel", "-"));
-    // An existing node with an empty value is not the default; a missing one is.
+    EXPECT_EQ("first", config.getString("channel", "-"));  // the first of same-named siblings
     EXPECT_EQ("", config.getString("empty", "-"));
     EXPECT_EQ("-", config.getString("tuner/dvbc", "-"));
     EXPECT_EQ("-", config.getString(std::string("video.mode\0x", 12), "-"));  // the whole key counts
@@ -95,7 +92,7 @@ TEST_F(ConfigFiles, ReadErrorsAreKeptAsTextNamingFileAndLine)
     }
 }
 
-TEST(ConfigWithoutFile, EmptyPathReportsNoErrorAndGivesDefaults)
+TEST(ConfigWithoutFile, EmptyPathGivesDefaultsTakesPutsAndPrints)
 {
     ltConfiguration config("");
     EXPECT_FALSE(config.initError());
@@ -109,6 +106,21 @@ TEST(ConfigWithoutFile, EmptyPathReportsNoErrorAndGivesDefaults)
     EXPECT_EQ("", config.getString("x/y", "-"));
     config.putInteger("x.y", -5);
     EXPECT_EQ("-5", config.getString("x.y", "-"));
+
+    std::istringstream in("a 1\nb\n{\n c \"two words\"\n d\n {\n  e 3\n }\n}\nf\n");
+    boost::property_tree::ptree tree;
+    boost::property_tree::info_parser::read_info(in, tree);
+    testing::internal::CaptureStderr();
+    config.print(tree, 0);  // every node depth first, with its depth
+    std::istringstream lines(testing::internal::GetCapturedStderr());
+    std::string line, nodes;
+    while (std::getline(lines, line)) {
+        const size_t mark = line.find(":print(): ");
+        EXPECT_EQ(0u, line.rfind("ltconfiguration.cpp:", 0)) << line;
+        ASSERT_NE(std::string::npos, mark) << line;
+        nodes += line.substr(mark + 10) + "\n";
+    }
+    EXPECT_EQ("00: a = 1\n00: b = \n01: c = two words\n01: d = \n02: e = 3\n00: f = \n", nodes);
 }
 
 TEST_F(ConfigFiles, PutsChangeOnlyTheTreeInMemory)
@@ -121,27 +133,6 @@ TEST_F(ConfigFiles, PutsChangeOnlyTheTreeInMemory)
     EXPECT_EQ("three", config.getString("name", "-"));
     EXPECT_EQ(2, config.getInteger("block/n", 0));
     EXPECT_EQ(text, std::string(std::istreambuf_iterator<char>(std::ifstream(path).rdbuf()), {}));
-}
-
-TEST(ConfigPrint, LogsEveryNodeDepthFirstWithItsDepth)
-{
-    std::istringstream in("a 1\nb\n{\n c \"two words\"\n d\n {\n  e 3\n }\n}\nf\n");
-    boost::property_tree::ptree tree;
-    boost::property_tree::info_parser::read_info(in, tree);
-    const ltConfiguration config("");
-
-    testing::internal::CaptureStderr();
-    config.print(tree, 0);
-    // Each line: the source's base name, its line (the source's own business), "print".
-    std::istringstream lines(testing::internal::GetCapturedStderr());
-    std::string line, nodes;
-    while (std::getline(lines, line)) {
-        const size_t mark = line.find(":print(): ");
-        EXPECT_EQ(0u, line.rfind("ltconfiguration.cpp:", 0)) << line;
-        ASSERT_NE(std::string::npos, mark) << line;
-        nodes += line.substr(mark + 10) + "\n";
-    }
-    EXPECT_EQ("00: a = 1\n00: b = \n01: c = two words\n01: d = \n02: e = 3\n00: f = \n", nodes);
 }
 
 }  // namespace

@@ -45,12 +45,8 @@ TEST(ImageHash, AgreesWithOpensslAndCountsTheBytes)
         EXPECT_TRUE(hash.isFinalized());
         EXPECT_EQ(opensslSha1Hex(data), hexOf(hash.Hash(), ltimghash::kDigestSize));
     }
-}
 
-// A failed step stays failed: a second finalize on the reset context fails and keeps the
-// digest of the first; a failed update fails everything after it.
-TEST(ImageHash, FailureIsSticky)
-{
+    // a failed step stays failed; a second finalize on the reset context keeps the first digest
     ltimghash hash;
     ASSERT_TRUE(hash.update(reinterpret_cast<const unsigned char*>("abc"), 3));
     ASSERT_TRUE(hash.finalize());

@@ -52,10 +52,7 @@ TEST(PluginLoader, RefusesWithoutAPathAndPassesModeZeroAsItStands)
     EXPECT_FALSE(loader.isLoaded());
     EXPECT_EQ((std::vector<int>{0, 0}), openModes);  // the mode word is exactly 0
     EXPECT_TRUE(closed.empty());
-}
 
-TEST(PluginLoader, LoadsTheLatestPathOnceAndClosesTheKeptHandleOnEveryUnload)
-{
     // Pinned for the whole run, so closing one handle several times never unmaps it.
     void* pinned = dlopen(LT_PLUGIN_SAMPLE_PATH, RTLD_NOW | RTLD_NODELETE);
     ASSERT_NE(nullptr, pinned) << dlerror();

@@ -57,24 +57,21 @@ TEST(PointerListGrowth, KeepsEveryPointerAcrossEachForm)
     }
 }
 
-TEST(PointerListGrowth, FailedDoublingLeavesTheListAsItWas)
+TEST(PointerListStorage, FailedDoublingChangesNothingAndSizesPickTheForm)
 {
     // 32768 slots cannot double within the 16-bit capacity field: the growth fails like an
     // allocation failure, deterministically.
     constexpr int kCapacity = 32768;
-    ltPointerList list(kCapacity);
-    fill(list, kCapacity);
+    ltPointerList full(kCapacity);
+    fill(full, kCapacity);
     testing::internal::CaptureStdout();
-    EXPECT_EQ(-12, list.addPointer(obj(kCapacity)));
+    EXPECT_EQ(-12, full.addPointer(obj(kCapacity)));
     EXPECT_EQ("Not enough storage.\n", testing::internal::GetCapturedStdout());
-    EXPECT_EQ(kCapacity, list.getCurrentMaxEntries());
-    EXPECT_EQ(kCapacity, list.getNEntries());
-    EXPECT_FALSE(list.hasPointer(obj(kCapacity)));
-    EXPECT_EQ(obj(kCapacity - 1), list.getPointer(kCapacity - 1));
-}
+    EXPECT_EQ(kCapacity, full.getCurrentMaxEntries());
+    EXPECT_EQ(kCapacity, full.getNEntries());
+    EXPECT_FALSE(full.hasPointer(obj(kCapacity)));
+    EXPECT_EQ(obj(kCapacity - 1), full.getPointer(kCapacity - 1));
 
-TEST(PointerListStorage, SizedConstructorPicksTheFormAndKeepsIt)
-{
     // {n, capacity}: n < 2 and sizes beyond the 16-bit field give the empty single form.
     for (auto [n, capacity] : {std::pair{INT_MIN, 1}, {1, 1}, {3, 3}, {5, 5}, {65535, 65535}, {65536, 1}, {INT_MAX, 1}}) {
         SCOPED_TRACE("n = " + std::to_string(n));
@@ -185,14 +182,10 @@ TEST(PointerListTidy, CompactsTheTripleAndAFullFrontLosslessly)
     expectSameContents(list, {obj(0), obj(1), obj(2), obj(3), obj(4), obj(5)});
     list.clearList();
     EXPECT_EQ(-1, list.tidyUp(true));
-}
 
-TEST(PointerListTidy, ArrayCompactsOnlyItsFirstCountSlots)
-{
     void* a = obj(0);
     void* b = obj(3);
     // [A, x, y, B] with x and y removed: count 2, B at position 3.
-    ltPointerList list;
     fill(list, 4);
     ASSERT_EQ(0, list.removePointer(obj(1)));
     ASSERT_EQ(0, list.removePointer(obj(2)));

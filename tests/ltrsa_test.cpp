@@ -1,9 +1,5 @@
 //===- ltrsa_test.cpp - Key files by mode, the load order, raw RSA blocks --===//
-//
-// ltrsa reads fixed key paths only: each test body runs in a child whose private mount
-// namespace hides the key folder (see crypto_test_support.h), and skips where that is refused.
-//
-//===----------------------------------------------------------------------===//
+// ltrsa reads fixed key paths: each body runs in a child with a private key folder.
 #include "ltrsa.h"
 
 #include <cstdlib>
@@ -33,8 +29,7 @@ std::string generateKey(const TempDir& dir, int bits)
 {
     const std::string pem = dir.file("key" + std::to_string(bits) + ".pem");
     std::string out;
-    const std::string bitCount = std::to_string(bits);
-    if (runCommand("openssl genrsa -out " + pem + " " + bitCount + " 2>/dev/null") != 0 ||
+    if (runCommand("openssl genrsa -out " + pem + " " + std::to_string(bits) + " 2>/dev/null") != 0 ||
         runCommand("openssl rsa -in " + pem + " -noout -modulus 2>/dev/null", &out) != 0 ||
         out.compare(0, 8, "Modulus=") != 0)
         return "";
@@ -57,7 +52,6 @@ protected:
 // Every accepted line replaces both numbers, so a file never yields both.
 TEST_F(RsaKeyFiles, LoadOrderKeepsOnlyTheLastLine)
 {
-    // A raw signature of a block: the private-key operation without padding.
     Bytes message(kBlock, 0);
     for (int i = 1; i < kBlock; ++i)
         message[i] = static_cast<unsigned char>(i);
@@ -165,13 +159,10 @@ TEST(RsaInvalidKey, ReportsAtLoadAndOnEveryUse)
                 text == nullptr ? "Failed to open RSA key file " + kDevelop + "\n"
                                 : "Public key file did not contain all necessary key fields\n";
             EXPECT_TRUE(hasDebugLine(log, "ltrsa.cpp", "ltrsa", atLoad)) << log;
-            const std::string toStderr =
-                "Error: Failed to open RSA key file '" + kDevelop + "' - aborting\n";
+            const std::string toStderr = "Error: Failed to open RSA key file '" + kDevelop + "' - aborting\n";
             EXPECT_EQ(text == nullptr, log.find(toStderr) != std::string::npos) << log;
-            for (const char* func : {"decryptSignature", "encryptSignature"}) {
-                EXPECT_TRUE(hasDebugLine(log, "ltrsa.cpp", func,
-                                         "Public key not properly intialized\n")) << log;
-            }
+            for (const char* func : {"decryptSignature", "encryptSignature"})
+                EXPECT_TRUE(hasDebugLine(log, "ltrsa.cpp", func, "Public key not properly intialized\n")) << log;
         }
     });
 }

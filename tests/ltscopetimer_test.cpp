@@ -13,17 +13,10 @@
 
 namespace {
 
-timespec ts(long sec, long nsec)
-{
-    timespec t{};
-    return t.tv_sec = sec, t.tv_nsec = nsec, t;
-}
+timespec ts(long sec, long nsec) { timespec t{}; return t.tv_sec = sec, t.tv_nsec = nsec, t; }
 
 bool operator==(const timespec& a, const timespec& b) { return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec; }
-bool notBefore(const timespec& a, const timespec& b)
-{
-    return a.tv_sec > b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec >= b.tv_nsec);
-}
+bool notBefore(const timespec& a, const timespec& b) { return a.tv_sec > b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec >= b.tv_nsec); }
 bool isDuration(const timespec& d) { return d.tv_sec >= 0 && d.tv_nsec >= 0 && d.tv_nsec < 1000000000; }
 
 void feed(ltScopeMeter& meter, std::initializer_list<timespec> durations)
@@ -55,18 +48,12 @@ TEST(ScopeMeterTotal, CarriesOnlyAboveOneSecondAndFillsWhatIsAskedFor)
     meter.resetTimers();
     EXPECT_TRUE(meter.total == ts(0, 0));
     EXPECT_TRUE(meter.last == ts(0, 0));
-}
 
-TEST(ScopeTimerClock, DifferenceBorrowsOneSecond)
-{
-    using lt_internal::scopeElapsed;
+    using lt_internal::scopeElapsed;  // a difference borrows one second
     EXPECT_TRUE(scopeElapsed(ts(3, 100), ts(5, 900)) == ts(2, 800));
     EXPECT_TRUE(scopeElapsed(ts(3, 900000000), ts(5, 100)) == ts(1, 100000100));
     EXPECT_TRUE(scopeElapsed(ts(3, 5), ts(3, 5)) == ts(0, 0));
-}
 
-TEST(ScopeTimerReport, TimersReportOnceEachAndNoExceptionLeavesTheDestructor)
-{
     struct RecordingMeter : ltScopeMeter {
         void scopeDurationMeasured(const timespec* d) override { seen.push_back(*d); }
         std::vector<timespec> seen;
@@ -79,14 +66,14 @@ TEST(ScopeTimerReport, TimersReportOnceEachAndNoExceptionLeavesTheDestructor)
         ltScopeTimer failing(&throwing, CLOCK_REALTIME);
     });
 
-    RecordingMeter meter;
+    RecordingMeter recording;
     {
-        ltScopeTimer outer(&meter);
-        { ltScopeTimer inner(&meter, CLOCK_MONOTONIC); }
-        ASSERT_EQ(1u, meter.seen.size());  // the inner one, at the end of its scope
+        ltScopeTimer outer(&recording);
+        { ltScopeTimer inner(&recording, CLOCK_MONOTONIC); }
+        ASSERT_EQ(1u, recording.seen.size());  // the inner one, at the end of its scope
     }
-    ASSERT_EQ(2u, meter.seen.size());
-    const timespec inner = meter.seen[0], outer = meter.seen[1];
+    ASSERT_EQ(2u, recording.seen.size());
+    const timespec inner = recording.seen[0], outer = recording.seen[1];
     EXPECT_TRUE(isDuration(inner) && isDuration(outer));
     EXPECT_TRUE(notBefore(outer, inner));  // the outer scope encloses the inner one
 }

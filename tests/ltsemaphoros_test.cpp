@@ -83,21 +83,18 @@ TEST(SemaphoreSignal, CreatesAtZeroPostsOnceAndReportsEachFailedStep)
                      {LOG_ERR, "ltSemaPhoros: Couldn't open " + n.name},
                      {LOG_ERR, "ltSemaPhoros: Couldn't post " + full.name}}),
               logged);
-}
 
-TEST(SemaphoreSignal, WaitInterruptedBySignalIsAFailure)
-{
-    UniqueName n("_eintr");
+    UniqueName e("_eintr");
     struct sigaction sa = {};
     sa.sa_handler = [](int) {};  // no SA_RESTART: the wait returns EINTR
     ASSERT_EQ(0, sigaction(SIGALRM, &sa, nullptr));
     itimerval every100ms = {{0, 100000}, {0, 100000}};  // repeats until the wait is cut short
     ASSERT_EQ(0, setitimer(ITIMER_REAL, &every100ms, nullptr));
-    const int result = n.object().lock(O_CREAT);  // value 0: blocks until a signal
+    const int result = e.object().lock(O_CREAT);  // value 0: blocks until a signal
     itimerval off = {};
     setitimer(ITIMER_REAL, &off, nullptr);
     EXPECT_EQ(-1, result);
-    EXPECT_EQ((Lines{{LOG_ERR, "ltSemaPhoros: Couldn't wait " + n.name}}), logged);
+    EXPECT_EQ((Lines{{LOG_ERR, "ltSemaPhoros: Couldn't wait " + e.name}}), logged);
 }
 
 }  // namespace

@@ -42,25 +42,22 @@ TEST(SerialExecutorOrder, JobsFromManyThreadsRunOneAtATimeInEachPostersOrder)
         t.join();
     ASSERT_TRUE(ready(allRan.get_future().share()));
     EXPECT_EQ(0, faults.load());
-}
 
-TEST(SerialExecutorOrder, JobPostedByAJobRunsAfterItOnTheSameWorker)
-{
     std::vector<std::string> trace;  // written by the worker only
     std::thread::id outer, inner;
     std::promise<void> gate, done;
-    ltSerialExecutor executor;
-    executor.post([f = gate.get_future().share()] { ready(f); });  // hold the worker
-    executor.post([&] {
+    ltSerialExecutor serial;
+    serial.post([f = gate.get_future().share()] { ready(f); });  // hold the worker
+    serial.post([&] {
         outer = std::this_thread::get_id();
-        executor.post([&] {
+        serial.post([&] {
             inner = std::this_thread::get_id();
             trace.push_back("inner");
             done.set_value();
         });
         trace.push_back("outer ends");  // the inner job has not run yet
     });
-    executor.post([&] { trace.push_back("posted earlier from outside"); });
+    serial.post([&] { trace.push_back("posted earlier from outside"); });
     gate.set_value();
     ASSERT_TRUE(ready(done.get_future().share()));
     EXPECT_EQ((std::vector<std::string>{"outer ends", "posted earlier from outside", "inner"}),
@@ -70,28 +67,28 @@ TEST(SerialExecutorOrder, JobPostedByAJobRunsAfterItOnTheSameWorker)
 
 TEST(SerialExecutorShutdown, RunningJobFinishesAndQueuedJobsAreDroppedUncalled)
 {
-    auto* executor = new ltSerialExecutor;
+    auto* serial = new ltSerialExecutor;
     std::promise<void> started, destroying, destroyed;
     std::atomic<bool> longJobFinished(false);
     std::atomic<int> droppedJobsRun(0);
     auto token = std::make_shared<int>(0);  // held by every job that must be dropped
     std::weak_ptr<int> tokenSeen = token;
-    executor->post([&, token, f = destroying.get_future().share()] {
+    serial->post([&, token, f = destroying.get_future().share()] {
         started.set_value();
         if (!ready(f))
             return;
         // Let the destructor set its stop flag (ordering only; nothing is measured).
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        executor->post([&, token] { ++droppedJobsRun; });  // posted after shutdown began
+        serial->post([&, token] { ++droppedJobsRun; });  // posted after shutdown began
         longJobFinished = true;
     });
     for (int i = 0; i < 3; ++i)
-        executor->post([&, token] { ++droppedJobsRun; });
+        serial->post([&, token] { ++droppedJobsRun; });
     token.reset();
     ASSERT_TRUE(ready(started.get_future().share()));
     std::thread([&] {
         destroying.set_value();
-        delete executor;  // waits for the running job
+        delete serial;  // waits for the running job
         destroyed.set_value();
     }).detach();
     ASSERT_TRUE(ready(destroyed.get_future().share()));

@@ -57,21 +57,18 @@ TEST(TimerQueueOrder, PositionsRescheduleRemovalAndDrainFollowTheModel)
         EXPECT_FALSE(out);
     }
     EXPECT_EQ(1, queue.removeAll());  // nothing left: 1, kept the right way round
-}
 
-TEST(TimerQueueExpiry, RepeatingTimersSkipMissedPeriodsAndTheDrainEnds)
-{
-    ltTimerQueue queue;
+    ltTimerQueue q;
     const _cspOsalTime_struct now = at(100);
-    TimerPtr periodic, oneShot, exact, out;
-    EXPECT_EQ(-2, queue.removeTimer(out));  // an empty pointer is in no queue
-    EXPECT_FALSE(queue.isInQueue(out));
-    queue.setTimer(periodic, at(96, 500000000), at(1));  // 3.5 s behind 'now'
-    queue.setTimer(oneShot, at(99), at(-1, 500000000));  // minus half a second: one-shot
-    queue.setTimer(exact, now, at(2, -1750000000));      // normalises to 0.25 s; due at 'now'
+    TimerPtr periodic, oneShot, exact, o;
+    EXPECT_EQ(-2, q.removeTimer(o));  // an empty pointer is in no q
+    EXPECT_FALSE(q.isInQueue(o));
+    q.setTimer(periodic, at(96, 500000000), at(1));  // 3.5 s behind 'now'
+    q.setTimer(oneShot, at(99), at(-1, 500000000));  // minus half a second: one-shot
+    q.setTimer(exact, now, at(2, -1750000000));      // normalises to 0.25 s; due at 'now'
     std::vector<TimerPtr> fired;
-    for (int i = 0; i < 10 && queue.getExpired(now, out) == 1; ++i)
-        fired.push_back(out);
+    for (int i = 0; i < 10 && q.getExpired(now, o) == 1; ++i)
+        fired.push_back(o);
     EXPECT_EQ((std::vector<TimerPtr>{periodic, oneShot, exact}), fired);  // once each
     EXPECT_EQ(100, periodic->getTimeout().sec);  // the next boundary strictly after 'now'
     EXPECT_EQ(500000000, periodic->getTimeout().nsec);
@@ -79,18 +76,18 @@ TEST(TimerQueueExpiry, RepeatingTimersSkipMissedPeriodsAndTheDrainEnds)
     EXPECT_EQ(2, exact->getPeriod().sec);  // the stored period is left as it was set
     EXPECT_TRUE(periodic->isActive() && exact->isActive() && !oneShot->isActive());
     for (const TimerPtr& expected : {exact, periodic}) {  // re-queued at their new places
-        ASSERT_EQ(1, queue.getExpired(at(100, 600000000), out));
-        EXPECT_EQ(expected, out);
+        ASSERT_EQ(1, q.getExpired(at(100, 600000000), o));
+        EXPECT_EQ(expected, o);
     }
     boost::weak_ptr<ltTimer> held = periodic;
-    periodic.reset(), out.reset(), fired.clear();
-    EXPECT_FALSE(held.expired());  // alive through the queue's reference alone
-    EXPECT_EQ(0, queue.removeAll());
+    periodic.reset(), o.reset(), fired.clear();
+    EXPECT_FALSE(held.expired());  // alive through the q's reference alone
+    EXPECT_EQ(0, q.removeAll());
     EXPECT_TRUE(held.expired());
     EXPECT_FALSE(exact->isActive());
-    out = exact;
-    EXPECT_EQ(0, queue.getFirst(out));  // an empty queue empties 'out'
-    EXPECT_FALSE(out);
+    o = exact;
+    EXPECT_EQ(0, q.getFirst(o));  // an empty q empties 'o'
+    EXPECT_FALSE(o);
 }
 
 }  // namespace

@@ -94,10 +94,7 @@ TEST(UriQueryItems, ReplacingKeepsThePlaceAndEmptyValuesHaveNoEquals)
     std::string value;
     EXPECT_EQ(-1, u.getValue("atsctype", value));  // keys compare case-sensitively
     EXPECT_EQ("dvbt://plain/lcn?atscType=1#now", u.getUri());
-}
 
-TEST(UriQueryRemoval, LeavesStaleKeyEntriesThatShowInTheComposedText)
-{
     const std::string base = "s://h?a=1&b=2&c=3";
     // Removing the first of three moves the others up; the list ends in an empty entry.
     LtUri first(base);
@@ -139,13 +136,11 @@ TEST(UriUrlEscaping, OnlyTheUrlKeyIsEscapedAndOnlyAmpersandAndHash)
     LtUri u(uri::Scheme::YouTube, uri::Authority::Plain, "");
     u.addQuery(uri::Query::Url, target);
     u.addQuery("URL", "a&b");  // not the url key: stored as it is
-    const std::string text = u.getUri();
-    EXPECT_EQ("youtubev3://plain?url=http://example.com/watch?v=a%26t=10%23start&URL=a&b", text);
+    EXPECT_EQ("youtubev3://plain?url=http://example.com/watch?v=a%26t=10%23start&URL=a&b", u.getUri());
     std::string value;
     ASSERT_EQ(0, u.getValue(uri::Query::Url, value));
     EXPECT_EQ(target, value);
 
-    // A value that arrives escaped already comes back unescaped.
     LtUri pre("s://h?url=x%26y%23z");
     ASSERT_EQ(0, pre.getValue(uri::Query::Url, value));
     EXPECT_EQ("x&y#z", value);
@@ -175,7 +170,6 @@ TEST(UriNumbers, ConvertLikeLexicalCastAndLeaveOutputsAloneOnFailure)
         const bool logged = log.rfind("lturi.cpp:", 0) == 0 &&
                             log.find(":getValue(): LTUri bad_lexical_cast\n") != std::string::npos;
         EXPECT_EQ(expected == kUntouched, logged) << stored << log;
-        // A missing key is -1 for both forms, silently, with the outputs untouched.
         std::string text = "keep";
         EXPECT_EQ(-1, u.getValue("N", n));
         EXPECT_EQ(-1, u.getValue("N", text));
