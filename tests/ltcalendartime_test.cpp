@@ -65,8 +65,9 @@ TEST(CalendarFields, EachFieldIsCheckedAndARejectionChangesNothing)
         EXPECT_EQ(std::make_tuple(c.a, c.b - 1, c.c),
                   std::make_tuple(t.calendar.tm_mday, t.calendar.tm_mon, t.calendar.tm_year));
         const int64_t expected = daysFromCivil(c.c + 1900, c.b, c.a) * 86400 + 8 * 3600;
-        if (expected >= INT32_MIN && expected <= INT32_MAX)
+        if (expected >= INT32_MIN && expected <= INT32_MAX) {
             EXPECT_EQ(expected, t.time.sec);
+        }
     }
 }
 
