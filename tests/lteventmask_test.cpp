@@ -5,7 +5,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <tuple>
 
 #include "ltcallbackeventhandler.h"
 #include "ltevent.h"
@@ -14,10 +13,7 @@ namespace {
 
 using M = ltEventMask;
 
-ltEvent keys(unsigned k1, unsigned k2 = 0, const char* data = nullptr)
-{
-    return ltEvent(k1, k2, 0, 0, data, ltEvent::kDataNotOwned);
-}
+ltEvent keys(unsigned k1, unsigned k2 = 0, const char* data = nullptr) { return ltEvent(k1, k2, 0, 0, data, ltEvent::kDataNotOwned); }
 
 TEST(EventLifetime, FreesOnlyDataItOwnsAndCarriesTtlMicroseconds)
 {
@@ -34,29 +30,21 @@ TEST(EventLifetime, FreesOnlyDataItOwnsAndCarriesTtlMicroseconds)
     EXPECT_EQ(ltTime(11, 799999), e.lethalTime);
 }
 
+// Each operator against operand 7 in every key field; expected results for 0, 6, 7, 8, ~0.
 TEST(MaskKeyOperators, EachOperatorComparesOperandAgainstEveryKey)
 {
-    struct Case { unsigned op; bool (*expect)(uint32_t, uint32_t); };
-    const Case cases[] = {
-        {M::kKeyGreater, [](uint32_t a, uint32_t v) { return a > v; }},
-        {M::kKeyLess, [](uint32_t a, uint32_t v) { return a < v; }},
-        {M::kKeyNever, [](uint32_t, uint32_t) { return false; }},
-        {M::kKeyEqual, [](uint32_t a, uint32_t v) { return a == v; }},
-        {M::kKeyGreaterEqual, [](uint32_t a, uint32_t v) { return a >= v; }},
-        {M::kKeyLessEqual, [](uint32_t a, uint32_t v) { return a <= v; }},
-        {M::kKeyAnyBit, [](uint32_t a, uint32_t v) { return (a & v) != 0; }},
-        {M::kKeyNotEqual, [](uint32_t a, uint32_t v) { return a != v; }},
-        {10, [](uint32_t, uint32_t) { return false; }},                      // unassigned
-        {0x20 | M::kKeyEqual, [](uint32_t a, uint32_t v) { return a == v; }},  // read in 5 bits
-    };
+    const struct { unsigned op; const char* expect; } cases[] = {
+        {M::kKeyGreater, "11000"}, {M::kKeyLess, "00011"}, {M::kKeyNever, "00000"}, {M::kKeyEqual, "00100"},
+        {M::kKeyGreaterEqual, "11100"}, {M::kKeyLessEqual, "00111"}, {M::kKeyAnyBit, "01101"},
+        {M::kKeyNotEqual, "11011"}, {10, "00000"} /* unassigned */, {0x20 | M::kKeyEqual, "00100"} /* 5 bits */};
     const uint32_t values[] = {0, 6, 7, 8, 0xFFFFFFFFu};
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         for (unsigned field = 1; field <= 4; ++field) {
             M mask(M::kMaskNone, field, c.op, 7u, 0);
-            for (uint32_t v : values) {
-                ltEvent e(field == 1 ? v : 1, field == 2 ? v : 1, field == 3 ? v : 1, field == 4 ? v : 1,
-                          nullptr, 0);
-                EXPECT_EQ(c.expect(7u, v), mask.matches(e)) << "op " << c.op << " field " << field << " value " << v;
+            for (int i = 0; i < 5; ++i) {
+                const uint32_t v = values[i];
+                ltEvent e(field == 1 ? v : 1, field == 2 ? v : 1, field == 3 ? v : 1, field == 4 ? v : 1, nullptr, 0);
+                EXPECT_EQ(c.expect[i] == '1', mask.matches(e)) << "op " << c.op << " field " << field << " value " << v;
             }
         }
     }
@@ -81,8 +69,7 @@ TEST(MaskDataOperators, ComparesTheEventStringWithOrWithoutCase)
     };
     for (const Case& c : cases) {
         M mask(M::kMaskNone, 5, c.op, "abc", 0);
-        EXPECT_EQ(c.expect, mask.matches(keys(0, 0, c.data))) << "op " << c.op << " data "
-                                                              << (c.data ? c.data : "(null)");
+        EXPECT_EQ(c.expect, mask.matches(keys(0, 0, c.data))) << "op " << c.op << " " << (c.data ? c.data : "null");
     }
     M nullOperand(M::kMaskNone, 5, M::kDataEqual, static_cast<const char*>(nullptr), 0);  // compared as ""
     EXPECT_TRUE(nullOperand.matches(keys(0, 0, "")));
@@ -129,8 +116,7 @@ TEST(MaskArgumentLists, CountsFlagsAndBothTermForms)
 
 TEST(MaskBits, InvertAndGoOnActOnlyOnLongTermsSetDirectly)
 {
-    // Any code of 16 or more is read as a short term, so the list cannot give a long term
-    // these bits: with them it becomes a short term, which ends evaluation at once.
+    // Any code of 16 or more is read as a short term, which ends evaluation at once.
     M fromList(M::kMaskNone, M::kCodeInvert | 1, 7u, 0);
     EXPECT_EQ(0, fromList.terms[0].op);
     EXPECT_TRUE(fromList.matches(keys(7)));
@@ -183,7 +169,7 @@ struct CountedMask : ltEventMask {
 };
 int CountedMask::live = 0;
 
-TEST(MaskClone, CopiesFlatAndRewritesTheSourcesNestedPointers)
+TEST(MaskClone, CopiesFlatRewritesNestedPointersAndHandlersDeleteOnlyOwnedMasks)
 {
     M outer(M::kMaskCount | M::kMaskExtra2, 2u, 5u, M::kCodeShort | 1, 0u, 1, M::kKeyEqual, 3u, 0);
     auto* nested = new CountedMask();
@@ -192,8 +178,9 @@ TEST(MaskClone, CopiesFlatAndRewritesTheSourcesNestedPointers)
     ASSERT_NE(nullptr, copy);
     ASSERT_EQ(2, copy->termCount);
     EXPECT_EQ(5u, copy->extra2);
-    EXPECT_EQ(std::make_tuple(outer.terms[1].code, outer.terms[1].op, 3u),
-              std::make_tuple(copy->terms[1].code, copy->terms[1].op, copy->terms[1].operand.value));
+    EXPECT_EQ(outer.terms[1].code, copy->terms[1].code);
+    EXPECT_EQ(outer.terms[1].op, copy->terms[1].op);
+    EXPECT_EQ(3u, copy->terms[1].operand.value);
     // The copy keeps the old pointer; the source now holds a new clone of the nested mask.
     EXPECT_EQ(nested, copy->terms[0].operand.mask);
     ltEventMask* fresh = outer.terms[0].operand.mask;
@@ -203,10 +190,8 @@ TEST(MaskClone, CopiesFlatAndRewritesTheSourcesNestedPointers)
     delete nested;
     delete copy;
     EXPECT_EQ(0, CountedMask::live);
-}
 
-TEST(HandlerOwnership, DeletesOnlyAnOwnedMask)
-{
+    // A handler deletes only a mask it owns.
     ltTime lethal(5, 6);
     CountedMask* shared = new CountedMask();
     {

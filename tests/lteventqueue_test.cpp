@@ -1,10 +1,4 @@
-//===- lteventqueue_test.cpp - Events, handlers and their timers ----------===//
-//
-// Admission, dispatch order, handler removal, TTL and lethal timers, each on the test's own
-// thread: a driven select loop, or an application's loop that fires its timers on demand.
-// Many threads against a running loop are the stress and soak programs' business.
-//
-//===----------------------------------------------------------------------===//
+// Admission, dispatch order, handler removal, TTL and lethal timers, on the test's own thread.
 #include "lteventqueue.h"
 
 #include <gtest/gtest.h>
@@ -28,20 +22,14 @@ using M = ltEventMask;
 
 // What the handlers saw and which objects were deleted.
 struct Recorder {
-    struct Call {
-        std::string handler;
-        unsigned key2;
-        int reason;
-    };
+    struct Call { std::string handler; unsigned key2; int reason; };
     std::vector<Call> calls;
     std::map<unsigned, int> eventsDeleted;       // by key2
     std::map<std::string, int> handlersDeleted;  // by name
-
     int count(const std::string& name, int reason) const
     {
-        return static_cast<int>(std::count_if(calls.begin(), calls.end(), [&](const Call& c) {
-            return c.handler == name && c.reason == reason;
-        }));
+        return static_cast<int>(std::count_if(calls.begin(), calls.end(),
+                                              [&](const Call& c) { return c.handler == name && c.reason == reason; }));
     }
 };
 
@@ -55,9 +43,7 @@ struct CountedEvent : ltEvent {
 struct Probe : ltEventHandler {
     using Result = int (*)(const ltEvent*);
     Probe(Recorder& r, const char* n, ltEventMask* m, int f, Result res)
-        : ltEventHandler(m, nullptr, nullptr, f | kOwnsMask), rec(r), name(n), result(res)
-    {
-    }
+        : ltEventHandler(m, nullptr, nullptr, f | kOwnsMask), rec(r), name(n), result(res) {}
     ~Probe() override { ++rec.handlersDeleted[name]; }
     int invoke(ltEventQueue&, ltEvent* e, int reason) override
     {
@@ -93,9 +79,8 @@ TEST(QueueAdmission, LimitIsStrictlyGreaterAndOwnedOrNullObjectsAreRefused)
     EXPECT_EQ(0, queue.removeEventHandlers(~0ull, INT_MIN, nullptr, true));
 
     queue.setMaxQueueSize(2);
-    CountedEvent* e[4];
-    for (unsigned i = 0; i < 4; ++i)
-        e[i] = new CountedEvent(rec, 1, i);
+    CountedEvent* e[] = {new CountedEvent(rec, 1, 0), new CountedEvent(rec, 1, 1), new CountedEvent(rec, 1, 2),
+                         new CountedEvent(rec, 1, 3)};
     for (int i = 0; i < 3; ++i)  // one past the limit is accepted; a TTL at the end of the range is only arithmetic
         EXPECT_EQ(0, queue.post(*e[i], i == 0 ? UINT_MAX : 0)) << i;
     EXPECT_EQ(-1, queue.post(*e[3], 0));
@@ -110,8 +95,7 @@ TEST(QueueAdmission, LimitIsStrictlyGreaterAndOwnedOrNullObjectsAreRefused)
     EXPECT_EQ(2u, queue.addEventHandler(sink));  // the counter starts at 1
     EXPECT_EQ(0u, queue.addEventHandler(5, sink));
     EXPECT_EQ(EBUSY, errno);
-    // Without a callback a handler keeps what it matches (nothing here); its lethal time,
-    // UINT_MAX milliseconds, wraps into the past and is due at once.
+    // No callback: keeps what it matches; a lethal time of UINT_MAX ms wraps and is due at once.
     EXPECT_NE(0u, queue.addEventHandlerFunction(nullptr, key1Is(99), nullptr, UINT_MAX, ltEventHandler::kOwnsMask));
     int taken = 0;
     while (queue.processNextEvent() == 0)
@@ -160,8 +144,7 @@ TEST(HandlerRemoval, MatchesByGroupIdAndHandlerAndDeletesOnlyWhenAsked)
     delete borrowed;
 }
 
-// The queue as a member of the loop: a pass runs it until it is idle. Handlers are offered
-// each event by priority, equal priorities in the order they were added, until one stops it.
+// A loop pass runs the queue until idle; handlers by priority, then insertion order, until one stops.
 TEST(EventDispatch, HandlersRunByPriorityInInsertionOrderUntilOneStops)
 {
     DrivenLoop loop;
@@ -192,11 +175,7 @@ TEST(EventDispatch, HandlersRunByPriorityInInsertionOrderUntilOneStops)
 
 // An application's own loop: records what the queue asks of it and fires timers on demand.
 struct AppLoop : ltMainLoop {
-    struct Timer {
-        ltTimerCallback callback;
-        void* userData;
-    };
-    std::map<int, Timer> timers;
+    std::map<int, std::pair<ltTimerCallback, void*>> timers;
     std::vector<int> removed;  // removeTimer() arguments, in order
     std::vector<std::pair<timerFlags_t, ltTime>> added;  // doAddTimer() flags and first expiry
     int nextId = 100;
@@ -206,11 +185,7 @@ struct AppLoop : ltMainLoop {
     void wakeupEventLoop() override {}
     void removeIOHandle(int) override {}
     int addObjectTimer(timerFlags_t, const ltTime&, const ltTime&, void*) override { return 0; }
-    void removeTimer(int id) override
-    {
-        removed.push_back(id);
-        timers.erase(id);
-    }
+    void removeTimer(int id) override { removed.push_back(id), timers.erase(id); }
     void exec() override {}
     ltTime getNextWakeupTime() override { return ltTime(0, 0); }
     void processTimeouts() override {}
@@ -224,19 +199,16 @@ struct AppLoop : ltMainLoop {
 
     int timerOf(const void* userData) const
     {
-        for (const auto& t : timers) {
-            if (t.second.userData == userData)
-                return t.first;
-        }
-        return 0;
+        auto t = std::find_if(timers.begin(), timers.end(), [&](const auto& t) { return t.second.second == userData; });
+        return t == timers.end() ? 0 : t->first;
     }
     bool wasRemoved(int id) const { return std::find(removed.begin(), removed.end(), id) != removed.end(); }
     // Fires a one-shot timer as a loop does: out of the table first, then its callback.
     void fire(int id)
     {
-        const Timer t = timers.at(id);
+        const auto t = timers.at(id);
         timers.erase(id);
-        (void)t.callback(id, ltTime(0, 0), t.userData);
+        (void)t.first(id, ltTime(0, 0), t.second);
     }
 };
 
@@ -248,9 +220,8 @@ H* mortal(Recorder& rec, const char* name, A... args)
     return h;
 }
 
-// Lethal timers: only a handler the queue deletes loses its timer (it would fire on freed
-// memory). One that leaves and survives keeps it, and at its lethal time is invoked with
-// reason 1 and then dropped like one still queued.
+// Only a handler the queue deletes loses its lethal timer; one that leaves and survives keeps
+// it, and at its lethal time is invoked with reason 1 and dropped like one still queued.
 TEST(LethalTimers, OnlyHandlersTheQueueDeletesLoseTheirTimer)
 {
     AppLoop loop;
@@ -284,8 +255,7 @@ TEST(LethalTimers, OnlyHandlersTheQueueDeletesLoseTheirTimer)
     EXPECT_TRUE(loop.wasRemoved(droppedTimer));
     EXPECT_EQ(1, rec.handlersDeleted["dropped"]);
 
-    // The surviving handlers' timers fire: each is invoked with reason 1; the persistent one
-    // that was released stays; the one not owned gets its id reset (already 0) and lives on.
+    // The survivors' timers fire: each is invoked with reason 1; the not-owned one lives on.
     released->flags &= ~ltEventHandler::kPersistent;  // now it is dropped at its lethal time
     for (int id : {borrowedTimer, releasedTimer, keptTimer})
         loop.fire(id);
@@ -300,9 +270,8 @@ TEST(LethalTimers, OnlyHandlersTheQueueDeletesLoseTheirTimer)
     delete borrowed;
 }
 
-// The TTL expiry removes the event's timer on the loop the queue was given, whatever the
-// loop did with it, and deletes the event once; one that expires while it is being
-// dispatched is deleted when its dispatch ends, and reaches no further handler.
+// A TTL expiry removes the timer on the given loop and deletes the event once; one expiring
+// during its dispatch is deleted when that ends and reaches no further handler.
 TEST(EventTtl, ExpiryRemovesTheTimerOnTheGivenLoopAndDeletesOnce)
 {
     AppLoop loop;
@@ -338,9 +307,8 @@ TEST(EventTtl, ExpiryRemovesTheTimerOnTheGivenLoopAndDeletesOnce)
     EXPECT_EQ(2, queue.removeEventHandlers(0, 0, nullptr, true));
 }
 
-// A handler that runs processNextEvent() itself on a queue holding nothing else finds it
-// empty, so the known time is renewed: the event it then keeps carries the old known time and
-// is offered again on the next call, not left queued for ever.
+// A nested processNextEvent() finds the queue empty and renews the known time: the event then
+// kept carries the old one and is offered again, not left queued for ever.
 TEST(PutBack, EventKeptAfterTheQueueWasFoundEmptyIsOfferedAgain)
 {
     DrivenLoop loop;
@@ -359,9 +327,7 @@ TEST(PutBack, EventKeptAfterTheQueueWasFoundEmptyIsOfferedAgain)
             }
             return 0;
         }
-        int calls = 0;
-        int inner = 0;
-        int innerErrno = 0;
+        int calls = 0, inner = 0, innerErrno = 0;
     };
     auto* nested = new Nested();
     ASSERT_NE(0u, queue.addEventHandler(nested));
@@ -387,9 +353,8 @@ struct Leaver : Probe {
     bool destroy;
 };
 
-// Handlers that leave during their own call, for an event or at their lethal time: one
-// deleted by removeEventHandlers() is not touched again; one removed without being deleted is
-// still done with as a non-persistent handler is (deleted); the list keeps every other handler.
+// Handlers leaving during their own call: one deleted is not touched again; one removed
+// without being deleted is still deleted as non-persistent; the list keeps the others.
 TEST(HandlerRemoval, HandlersLeavingDuringTheirOwnCall)
 {
     AppLoop loop;
@@ -422,12 +387,9 @@ TEST(HandlerRemoval, HandlersLeavingDuringTheirOwnCall)
     EXPECT_EQ(1, queue.removeEventHandlers(0, 0, nullptr, true));
 }
 
-// ---- Opt-in: TTLs and lethal times measured from now ----------------------------------------
-
 int recordLethal(ltEventQueue&, ltEvent*, int reason, void* user)
 {
-    static_cast<Recorder*>(user)->calls.push_back({"function", 0, reason});
-    return 1;
+    return static_cast<Recorder*>(user)->calls.push_back({"function", 0, reason}), 1;
 }
 
 TEST(MonotonicTimeouts, TtlsAndLethalTimesRunFromNowWhereTheKeptOnesEndAtOnce)
@@ -464,11 +426,10 @@ TEST(MonotonicTimeouts, TtlsAndLethalTimesRunFromNowWhereTheKeptOnesEndAtOnce)
     AppLoop loop;
     ltEventQueue queue(loop);
     queue.useMonotonicTimeouts();
-    Recorder local;
     const ltTime before = lt_internal::wallClockNow();
-    auto* e = new CountedEvent(local, 1, 3);
+    auto* e = new CountedEvent(rec, 1, 3);
     ASSERT_EQ(0, queue.post(*e, 2500));
-    auto* far = new Probe(local, "far", nullptr, ltEventHandler::kPersistent, goOn);
+    auto* far = new Probe(rec, "far", nullptr, ltEventHandler::kPersistent, goOn);
     far->setLethalTime(ltTime(3, 0));
     ASSERT_NE(0u, queue.addEventHandler(far));
     const ltTime after = lt_internal::wallClockNow();
@@ -480,7 +441,7 @@ TEST(MonotonicTimeouts, TtlsAndLethalTimesRunFromNowWhereTheKeptOnesEndAtOnce)
         EXPECT_TRUE(ltTimeNotAfter(loop.added[i].second, ltTimeAdd(after, durations[i]))) << i;
     }
     loop.fire(loop.timerOf(e));
-    EXPECT_EQ(1, local.eventsDeleted[3]);
+    EXPECT_EQ(1, rec.eventsDeleted[3]);
     EXPECT_EQ(1, queue.removeEventHandlers(0, 0, far, true));
 }
 

@@ -1,11 +1,4 @@
-//===- lteventring_test.cpp - The event ring and the queue's claimed batches ===//
-//
-// The event queue keeps its events in its lfcVector's array as a ring and hands them to the
-// loop thread in claimed batches. Both must be invisible: the same order, the same counts
-// for the max size, and the same growth of the array (so the same lfcUtilMallocUsed) as a
-// plain lfcVector that appends at the back and removes at the front.
-//
-//===----------------------------------------------------------------------===//
+// The event ring and the queue's claimed batches: invisible beside a plain vector of the events.
 #include "lteventring.h"
 
 #include <gtest/gtest.h>
@@ -28,16 +21,13 @@ using lt_internal::EventRing;
 
 ltEvent* newEvent(unsigned key2) { return new ltEvent(1, key2, 0, 0, nullptr, 0); }
 
-// Random pushes, batch takes behind the skipped events, pushes in front of them and removals
-// against a model: the skipped events as a set, the others in order. Without skipped events
-// the array grows exactly when and as much as a plain lfcVector holding the same events does.
+// Against a model: the skipped events as a set, the others in order. Without skipped events
+// the array grows exactly as a plain lfcVector of the same events does.
 TEST(EventRingModel, KeepsArrivalOrderBehindTheSkippedAndGrowsLikeAPlainVector)
 {
     std::mt19937 random(7);
-    lfcVector storage(4, 3);
-    lfcVector plain(4, 3);
-    int head = 0;
-    int skipped = 0;
+    lfcVector storage(4, 3), plain(4, 3);
+    int head = 0, skipped = 0;
     EventRing ring(storage, head);
     std::vector<ltEvent*> skippedModel;  // order among them does not matter
     std::deque<ltEvent*> model;
@@ -60,7 +50,7 @@ TEST(EventRingModel, KeepsArrivalOrderBehindTheSkippedAndGrowsLikeAPlainVector)
                 model.pop_front();
                 ASSERT_EQ(0, plain.remove(0, 1));  // the plain vector holds the others only
             }
-            // Some come back in front, as the queue does with one put back at the known time.
+            // Some come back in front, as one put back at the known time does.
             for (int i = 0; withSkipped && i < n; i += 2) {
                 ring.pushFront(out[i]);
                 ++skipped;
@@ -82,16 +72,11 @@ TEST(EventRingModel, KeepsArrivalOrderBehindTheSkippedAndGrowsLikeAPlainVector)
             }
         }
         ASSERT_EQ(static_cast<int>(skippedModel.size() + model.size()), ring.size());
-        if (!withSkipped) {
-            ASSERT_EQ(plain.capacity, storage.capacity) << "step " << step;
-        }
+        ASSERT_TRUE(withSkipped || plain.capacity == storage.capacity) << "step " << step;
         std::vector<ltEvent*> front;
         for (int i = 0; i < skipped; ++i)
             front.push_back(ring.at(i));
-        std::sort(front.begin(), front.end());
-        std::vector<ltEvent*> expectedFront = skippedModel;
-        std::sort(expectedFront.begin(), expectedFront.end());
-        ASSERT_EQ(expectedFront, front) << "step " << step;
+        ASSERT_TRUE(std::is_permutation(front.begin(), front.end(), skippedModel.begin(), skippedModel.end())) << step;
         for (int i = skipped; i < ring.size(); ++i)
             ASSERT_EQ(model[static_cast<size_t>(i - skipped)], ring.at(i)) << "step " << step << " index " << i;
     }
@@ -99,19 +84,17 @@ TEST(EventRingModel, KeepsArrivalOrderBehindTheSkippedAndGrowsLikeAPlainVector)
 
 int countAndGoOn(ltEventQueue&, ltEvent* e, int, void* seen)
 {
-    static_cast<std::vector<unsigned>*>(seen)->push_back(e->key2);
-    return 1;
+    return static_cast<std::vector<unsigned>*>(seen)->push_back(e->key2), 1;
 }
 
 int keepEverything(ltEventQueue&, ltEvent*, int, void*) { return 0; }
 
-// Through the queue: events come out in arrival order across claimed batches, new posts and
-// TTL expiries of claimed and unclaimed events; the max size counts claimed events exactly;
-// and lfcUtilMallocUsed moves as with one plain (500, 15) vector of every queued event.
-TEST(EventQueueClaims, OrderLimitAndMemoryAsWithOnePlainVector)
+// Through the queue: arrival order across claimed batches, posts and TTL expiries; the max
+// size counts claimed events; lfcUtilMallocUsed moves as with one plain (500, 15) vector.
+TEST(EventQueueClaims, OrderLimitMemoryAndPutBackAsWithOnePlainVector)
 {
     DrivenLoop loop;  // never run: this thread plays the loop thread
-    auto* queue = new ltEventQueue(loop);
+    ltEventQueue* queue = new ltEventQueue(loop);
     std::vector<unsigned> seen;
     ASSERT_NE(0u, queue->addEventHandlerFunction(&countAndGoOn, nullptr, &seen, 0, ltEventHandler::kPersistent));
 
@@ -132,9 +115,7 @@ TEST(EventQueueClaims, OrderLimitAndMemoryAsWithOnePlainVector)
             expected.pop_front();
         }
     };
-    auto grownSlots = [&](int32_t base) {
-        return (lfcUtilMallocUsed - base) / static_cast<int32_t>(sizeof(lfcObject*));
-    };
+    auto grownSlots = [&](int32_t base) { return (lfcUtilMallocUsed - base) / static_cast<int32_t>(sizeof(lfcObject*)); };
 
     // A plain (500, 15) vector grows at 500 and 515 queued events, to 515 and 530 slots.
     const int32_t base = lfcUtilMallocUsed;
@@ -170,15 +151,11 @@ TEST(EventQueueClaims, OrderLimitAndMemoryAsWithOnePlainVector)
     EXPECT_EQ(-1, queue->processNextEvent());
     EXPECT_EQ(1, queue->removeEventHandlers(0, 0, nullptr, true));
     delete queue;
-}
 
-// Put-back events stay queued and counted, are never handed out again while the queue is
-// not empty, and events behind them are taken at once.
-TEST(EventQueueClaims, PutBackEventsStayCountedButAreSkipped)
-{
-    DrivenLoop loop;  // never run: this thread plays the loop thread
-    auto* queue = new ltEventQueue(loop);
-    std::vector<unsigned> seen;
+    // Put-back events stay counted, are not handed out again while the queue is not empty,
+    // and events behind them are taken at once.
+    queue = new ltEventQueue(loop);
+    seen.clear();
     ltEventMask keepMask(ltEventMask::kMaskNone, 2, ltEventMask::kKeyEqual, 1u, 0);   // key2 == 1
     ltEventMask passMask(ltEventMask::kMaskNone, 2, ltEventMask::kKeyNotEqual, 1u, 0);  // key2 != 1
     ASSERT_NE(0u, queue->addEventHandlerFunction(&keepEverything, &keepMask, nullptr, 0, ltEventHandler::kPersistent));
@@ -195,13 +172,12 @@ TEST(EventQueueClaims, PutBackEventsStayCountedButAreSkipped)
     EXPECT_EQ(-1, queue->processNextEvent());
     EXPECT_EQ(EAGAIN, errno);
     ASSERT_EQ(0, queue->post(*newEvent(7), 0));  // 3 put back + 1: the one past the limit
-    auto* refused = newEvent(8);
-    EXPECT_EQ(-1, queue->post(*refused, 0));
+    std::unique_ptr<ltEvent> over(newEvent(8));
+    EXPECT_EQ(-1, queue->post(*over, 0));
     EXPECT_EQ(EAGAIN, errno);
     EXPECT_EQ(0, queue->processNextEvent());
     EXPECT_EQ(std::vector<unsigned>{7}, seen);
     EXPECT_EQ(-1, queue->processNextEvent());
-    delete refused;
 
     // Their TTL timers would remove them: so does the callback, wherever they sit.
     for (ltEvent* e : kept)

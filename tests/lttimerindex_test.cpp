@@ -1,10 +1,4 @@
-//===- lttimerindex_test.cpp - The loop's index of timer expiries ---------===//
-//
-// The index must find exactly what a walk over the slots finds: the first slot at or after a
-// given one whose expiry is not later than now, and the earliest expiry. Checked against such
-// a walk over random tables, with expiries across the whole signed range of both fields.
-//
-//===----------------------------------------------------------------------===//
+// The timer index against a walk over the slots, with expiries across both fields' signed range.
 #include "lttimerindex.h"
 
 #include <gtest/gtest.h>
@@ -34,13 +28,10 @@ int walkFirstDue(const Slots& slots, int from, const ltTime& now)
 TEST(TimerIndexModel, FindsWhatAWalkOverTheSlotsFinds)
 {
     std::mt19937 random(11);
-    // Mostly near values, so that equal seconds and equal times are common, plus the extremes
-    // of both fields (not the one pair the index rounds, see below).
+    // Near values, so that equal times are common, and the extremes (not the one pair rounded).
     const std::vector<int32_t> secs = {1, 2, 3, -1, INT32_MIN, INT32_MAX - 1, INT32_MAX};
     const std::vector<int32_t> usecs = {0, 1, 999999, -999999, -1, INT32_MIN, INT32_MAX - 1};
-    auto anyTime = [&] {
-        return ltTime(secs[random() % secs.size()], usecs[random() % usecs.size()]);
-    };
+    auto anyTime = [&] { return ltTime(secs[random() % secs.size()], usecs[random() % usecs.size()]); };
 
     for (int size : {1, 2, 64, 256}) {
         SCOPED_TRACE(size);
@@ -63,13 +54,10 @@ TEST(TimerIndexModel, FindsWhatAWalkOverTheSlotsFinds)
 
             std::optional<ltTime> least;
             for (const auto& s : slots)
-                if (s && (!least || ltTimeBefore(*s, *least)))
-                    least = s;
-            ltTime earliest;
+                least = s && (!least || ltTimeBefore(*s, *least)) ? s : least;
+            ltTime earliest(0, 0);
             ASSERT_EQ(least.has_value(), index.earliest(earliest));
-            if (least) {
-                ASSERT_EQ(*least, earliest);
-            }
+            ASSERT_EQ(least.value_or(earliest), earliest);
         }
 
         // A rebuild from the slots gives the same answers as the updates did.
@@ -81,10 +69,14 @@ TEST(TimerIndexModel, FindsWhatAWalkOverTheSlotsFinds)
     }
 }
 
-TEST(TimerIndexModel, LatestPossibleExpiryIsStillASlotInUse)
+// (INT32_MAX, INT32_MAX) packs to the empty key: kept one microsecond earlier, never lost.
+// The block the index gets is filled first, so that a read past its end shows.
+TEST(TimerIndexModel, LatestExpiryIsKeptAndNothingIsDueFromPastTheLastSlot)
 {
-    // (INT32_MAX, INT32_MAX) packs to the empty key and is kept one microsecond earlier: it is
-    // proposed a microsecond early, never lost.
+    void* block = std::malloc(4 * 2 * sizeof(uint64_t));
+    std::memset(block, 0xFF, malloc_usable_size(block));
+    asm volatile("" : : "r"(block) : "memory");  // the fill is not dropped as a dead store
+    std::free(block);
     TimerIndex index;
     ASSERT_TRUE(index.reset(4));
     index.set(3, ltTime(INT32_MAX, INT32_MAX));
@@ -94,27 +86,15 @@ TEST(TimerIndexModel, LatestPossibleExpiryIsStillASlotInUse)
     ltTime earliest;
     ASSERT_TRUE(index.earliest(earliest));
     EXPECT_EQ(ltTime(INT32_MAX, INT32_MAX - 1), earliest);
+    const ltTime least(INT32_MIN, INT32_MIN);
+    index.set(1, least);
+    EXPECT_EQ(1, index.firstDue(0, least));
+    EXPECT_EQ(4, index.firstDue(4, least));
 
     EXPECT_FALSE(index.reset(3));  // not a power of two: covers nothing
     EXPECT_EQ(0, index.slots());
     EXPECT_FALSE(index.earliest(earliest));
     EXPECT_EQ(0, index.firstDue(0, ltTime(INT32_MAX, INT32_MAX)));
-}
-
-// Asked from just past the last slot, the index finds nothing, whatever lies past its array:
-// the block it is about to get is filled with ones first, so that a read past the end shows.
-TEST(TimerIndexModel, NothingIsDueFromPastTheLastSlot)
-{
-    void* block = std::malloc(4 * 2 * sizeof(uint64_t));
-    std::memset(block, 0xFF, malloc_usable_size(block));
-    asm volatile("" : : "r"(block) : "memory");  // the fill is not dropped as a dead store
-    std::free(block);
-    TimerIndex index;
-    ASSERT_TRUE(index.reset(4));
-    const ltTime least(INT32_MIN, INT32_MIN);  // due at any now
-    index.set(1, least);
-    EXPECT_EQ(1, index.firstDue(0, least));
-    EXPECT_EQ(4, index.firstDue(4, least));
 }
 
 }  // namespace
