@@ -11,24 +11,7 @@ namespace {
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
-// True when m can be locked right now (then it is released again).
-bool isFree(pthread_mutex_t* m)
-{
-    if (pthread_mutex_trylock(m) != 0)
-        return false;
-    pthread_mutex_unlock(m);
-    return true;
-}
-
-pthread_mutex_t errorCheckingMutex()
-{
-    pthread_mutex_t m;
-    pthread_mutexattr_t attr;
-    pthread_mutexattr_init(&attr);
-    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ERRORCHECK);
-    pthread_mutex_init(&m, &attr);
-    return m;
-}
+bool isFree(pthread_mutex_t* m) { return pthread_mutex_trylock(m) == 0 && pthread_mutex_unlock(m) == 0; }
 
 TEST(GuardMisuse, NullMutexFailsEveryOperationAndIsReportedWhereItIsSeen)
 {
@@ -48,11 +31,11 @@ TEST(GuardMisuse, NullMutexFailsEveryOperationAndIsReportedWhereItIsSeen)
               GetCapturedStderr());  // the destructors print nothing
 }
 
-// Held once, never twice, and released exactly once: a second lock or unlock is refused, and
-// the destructor of a guard that is not holding the mutex leaves it to whoever holds it now.
+// Held once and released exactly once: a second lock or unlock is refused, a guard that is not
+// holding the mutex leaves it to whoever holds it, and a failed lock returns the negated error.
 TEST(GuardScope, HoldsTheMutexOnceAndReleasesItExactlyOnce)
 {
-    pthread_mutex_t m = errorCheckingMutex();
+    pthread_mutex_t m = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
     CaptureStderr();
     {
         ltGuard g(&m);
@@ -71,8 +54,16 @@ TEST(GuardScope, HoldsTheMutexOnceAndReleasesItExactlyOnce)
         ASSERT_EQ(0, pthread_mutex_lock(&m));
     }
     EXPECT_FALSE(isFree(&m));
-    EXPECT_EQ(0, pthread_mutex_unlock(&m));
-    pthread_mutex_destroy(&m);
+    CaptureStderr();
+    {
+        ltGuard g(&m);  // already ours: the lock fails with EDEADLK and leaves the guard unlocked
+        EXPECT_EQ(-EDEADLK, g.lock());
+        EXPECT_EQ(-EINVAL, g.unlock());
+    }
+    const std::string err = GetCapturedStderr();
+    EXPECT_NE(std::string::npos, err.find("lock(): mutex lock failed\n"));
+    EXPECT_NE(std::string::npos, err.find("backtrace"));
+    EXPECT_EQ(0, pthread_mutex_unlock(&m));  // still held exactly once, by us
 }
 
 TEST(GuardKinds, LocksTheMutexInsideEachKind)
@@ -95,26 +86,6 @@ TEST(GuardKinds, LocksTheMutexInsideEachKind)
     }
     EXPECT_TRUE(isFree(&outside));
     EXPECT_TRUE(isFree(own.mutex()));
-}
-
-TEST(GuardFailure, FailedLockIsReportedWithTheNegatedError)
-{
-    pthread_mutex_t m = errorCheckingMutex();
-    ASSERT_EQ(0, pthread_mutex_lock(&m));  // held by this thread: the guard's lock gets EDEADLK
-    CaptureStderr();
-    int relock, r;
-    {
-        ltGuard g(&m);
-        relock = g.lock();  // the failed constructor lock left the guard unlocked: it may retry
-        r = g.unlock();
-    }
-    const std::string err = GetCapturedStderr();
-    EXPECT_EQ(-EDEADLK, relock);
-    EXPECT_EQ(-EINVAL, r);
-    EXPECT_NE(std::string::npos, err.find("lock(): mutex lock failed\n"));
-    EXPECT_NE(std::string::npos, err.find("backtrace"));
-    EXPECT_EQ(0, pthread_mutex_unlock(&m));  // still held exactly once, by us
-    pthread_mutex_destroy(&m);
 }
 
 }  // namespace

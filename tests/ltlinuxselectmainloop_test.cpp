@@ -1,6 +1,5 @@
-// The select pass: readable descriptors dispatched, wake-ups collapsed into one byte,
-// descriptors select() cannot watch stored but never watched, descriptor sets refilled only
-// after a change, and a loop blocked in select() woken by a timer added from another thread.
+// The select pass: dispatch, sets refilled only after a change, descriptors select() cannot
+// watch, wake-ups collapsed into one byte, persistent handles, run() and quit().
 #include "ltlinuxselectmainloop.h"
 
 #include <gtest/gtest.h>
@@ -17,33 +16,18 @@
 
 #include "drivenloop.h"
 #include "ltclock.h"
-#include "runningloop.h"
 
 namespace {
 
 struct Pipe {
-    int r = -1, w = -1;
-    Pipe()
-    {
-        int fds[2];
-        EXPECT_EQ(0, pipe(fds));
-        r = fds[0];
-        w = fds[1];
-    }
-    ~Pipe()
-    {
-        close(r);
-        close(w);
-    }
+    int fd[2] = {-1, -1};
+    const int &r = fd[0], &w = fd[1];
+    Pipe() { EXPECT_EQ(0, pipe(fd)); }
+    ~Pipe() { for (int f : fd) close(f); }
     void put() { ASSERT_EQ(1, write(w, "x", 1)); }
 };
 
-int pendingBytes(int fd)
-{
-    int n = -1;
-    ioctl(fd, FIONREAD, &n);
-    return n;
-}
+int pendingBytes(int fd) { int n = -1; return ioctl(fd, FIONREAD, &n) == 0 ? n : -1; }
 
 struct Calls {
     std::vector<int> ids;
@@ -69,37 +53,16 @@ protected:
     {
         return loop.doAddIOHandle(type, handleNoFlags, fd, onReady, &calls);
     }
-    // A change of the handle table: the next pass rebuilds the descriptor sets.
-    void change() { loop.removeIOHandle(watch(-9)); }
+    void change() { loop.removeIOHandle(watch(-9)); }  // the next pass rebuilds the sets
 
     DrivenLoop loop;
     Calls calls;
 };
 
-TEST_F(SelectPass, ReadableDescriptorIsDispatchedOnlyAfterARebuild)
-{
-    Pipe p;
-    const int id = watch(p.r);
-    p.put();
-    loop.pass();  // the add marked the table changed: sets rebuilt, fd dispatched
-    ASSERT_EQ(std::vector<int>{id}, calls.ids);
-
-    // The byte is still unread, but the sets are refilled only after the next table change,
-    // so this pass watches just the wake-up pipe.
-    loop.pass();
-    EXPECT_EQ(1u, calls.ids.size());
-    change();
-    loop.pass();
-    EXPECT_EQ(2u, calls.ids.size());
-}
-
-// select() can watch only descriptors from 0 to FD_SETSIZE - 1: setting another in an fd_set
-// would write outside it. Such handles are stored (they get ids) but never watched, dispatched
-// or counted for nfds; type 3 handles are counted but never watched; -1 reads as a free slot.
-// The passes outnumber what the byte-wide handle generation holds, so that it comes round to
-// the stamp of the handles no rebuild stamped; the watchable handles, added last so that the
-// dispatch reaches them after the others, are dispatched on every pass. One of them watches
-// descriptor 0 for writing: a bit read just past the end of a read set is then often set.
+// Descriptors outside 0 .. FD_SETSIZE - 1 are stored but never watched, dispatched or counted
+// for nfds; type 3 is counted, never watched. The passes outrun the byte-wide handle generation,
+// so it meets the stamp of handles no rebuild stamped; descriptor 0 watched for writing makes
+// a bit read just past a read set likely to be set.
 TEST_F(SelectPass, OnlyDescriptorsSelectCanWatchAreDispatched)
 {
     rlimit limit;
@@ -141,23 +104,6 @@ TEST_F(SelectPass, OnlyDescriptorsSelectCanWatchAreDispatched)
     (void)setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-TEST_F(SelectPass, HandleAddedDuringAPassWaitsForTheRebuild)
-{
-    Pipe a, b;
-    a.put();
-    b.put();
-    calls.loop = &loop;
-    calls.addFd = b.r;
-    const int first = watch(a.r);
-    loop.pass();
-    ASSERT_EQ(std::vector<int>{first}, calls.ids);  // b is ready but not yet in the sets
-    ASSERT_NE(0, calls.addedId);
-    char byte;
-    ASSERT_EQ(1, read(a.r, &byte, 1));
-    loop.pass();
-    EXPECT_EQ((std::vector<int>{first, calls.addedId}), calls.ids);
-}
-
 struct Handle : ltIOHandleReceiver {
     int calls = 0;
     int ioReady(int, int fd) override
@@ -174,24 +120,46 @@ struct Member : ltMainLoopMember {
     int processNextEvent() override { return ++calls % 4 == 0 ? 1 : 0; }
 };
 
-TEST_F(SelectPass, MembersRunUntilIdleAndReceiversAreCalled)
+// Ready descriptors are dispatched only from sets rebuilt after a change of the table; a handle
+// a callback adds waits for that rebuild. Members run until idle on every pass until removed.
+TEST_F(SelectPass, DescriptorsAreDispatchedFromSetsRebuiltAfterAChange)
 {
     Member member;
-    ASSERT_NE(0, loop.registerMainLoopMember(member));
-    Pipe p;
+    const int memberId = loop.registerMainLoopMember(member);
+    ASSERT_NE(0, memberId);
+    Pipe a, b, c;
     Handle handle;
-    ASSERT_NE(0, loop.addObjectIOHandle(handleRead, p.r, &handle));
-    p.put();
-    loop.pass();
+    ASSERT_NE(0, loop.addObjectIOHandle(handleRead, c.r, &handle));
+    a.put();
+    b.put();
+    c.put();
+    calls.loop = &loop;
+    calls.addFd = b.r;
+    const int first = watch(a.r);
+    loop.pass();  // rebuilt: a dispatched, b added but not yet in the sets
+    ASSERT_EQ(std::vector<int>{first}, calls.ids);
+    ASSERT_NE(0, calls.addedId);
     EXPECT_EQ(4, member.calls);  // 0, 0, 0, then non-zero
     EXPECT_EQ(1, handle.calls);
+    loop.pass();  // rebuilt after the add
+    EXPECT_EQ((std::vector<int>{first, first, calls.addedId}), calls.ids);
+    loop.pass();  // both still readable, but no change: only the wake-up pipe is watched
+    EXPECT_EQ(3u, calls.ids.size());
+    change();
+    loop.pass();
+    EXPECT_EQ(5u, calls.ids.size());
+    EXPECT_EQ(16, member.calls);
+    EXPECT_EQ(-1, loop.unregisterMainLoopMember(0, member));
+    EXPECT_EQ(0, loop.unregisterMainLoopMember(memberId, member));
+    EXPECT_EQ(0, loop.unregisterMainLoopMember(memberId, member));  // unknown now: still 0
+    loop.pass();
+    EXPECT_EQ(16, member.calls);
 }
 
 TEST(SelectWakeup, ManyWakeupsAreWrittenAsOneByte)
 {
     DrivenLoop loop(/*started=*/false);
-    for (int i = 0; i < 5; ++i)
-        loop.wakeupEventLoop();  // before exec(): nothing is written
+    loop.wakeupEventLoop();  // before exec(): nothing is written
     EXPECT_EQ(0, pendingBytes(loop.pipeReadFd()));
 
     loop.begin();
@@ -202,44 +170,13 @@ TEST(SelectWakeup, ManyWakeupsAreWrittenAsOneByte)
     EXPECT_EQ(0, pendingBytes(loop.pipeReadFd()));
     loop.wakeupEventLoop();
     EXPECT_EQ(1, pendingBytes(loop.pipeReadFd()));
+
+    ltLinuxSelectMainLoop* single = ltLinuxSelectMainLoop::getMainLoop();
+    EXPECT_NE(nullptr, single);
+    EXPECT_EQ(single, ltLinuxSelectMainLoop::getMainLoop());
 }
 
-struct Firing {
-    RunningLoop* loop;
-    std::promise<bool> onLoopThread;
-};
-
-int fulfil(int, const ltTime&, void* user)
-{
-    auto* f = static_cast<Firing*>(user);
-    f->onLoopThread.set_value(f->loop->onLoopThread());
-    return 0;
-}
-
-TEST(SelectWakeup, TimerAddedFromAnotherThreadWakesABlockedLoop)
-{
-    RunningLoop loop;
-    Firing firing{&loop, {}};
-    auto fired = firing.onLoopThread.get_future();
-    loop.start();
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // let it block in select()
-    ASSERT_NE(0, loop.doAddTimer(timerAbsolute, lt_internal::wallClockNow(), ltTime::noTime, fulfil, &firing));
-    ASSERT_EQ(std::future_status::ready, fired.wait_for(std::chrono::seconds(10)));
-    EXPECT_TRUE(fired.get());  // callbacks run on the loop thread
-    loop.stop();
-}
-
-TEST(SelectWakeup, SingletonIsCreatedOnce)
-{
-    ltLinuxSelectMainLoop* a = ltLinuxSelectMainLoop::getMainLoop();
-    EXPECT_NE(nullptr, a);
-    EXPECT_EQ(a, ltLinuxSelectMainLoop::getMainLoop());
-}
-
-// ---- Opt-ins: persistent descriptors, run() and quit() --------------------------------------
-
-// A persistent handle is dispatched on every pass, even one after which no descriptor set is
-// rebuilt, until removed; a plain one only after a rebuild.
+// A persistent handle is dispatched on every pass until removed; a plain one after a rebuild.
 TEST_F(SelectPass, PersistentHandleIsDispatchedOnEveryPassUntilRemoved)
 {
     Pipe plainPipe, keptPipe;
@@ -247,12 +184,13 @@ TEST_F(SelectPass, PersistentHandleIsDispatchedOnEveryPassUntilRemoved)
     const int plainId = watch(plainPipe.r);
     const int keptId = loop.addPersistentIOHandle(handleRead, keptPipe.r, onReady, &kept);
     ASSERT_NE(0, keptId);
-    EXPECT_NE(plainId, keptId);
     EXPECT_EQ(0, loop.addPersistentIOHandle(handleRead, -1, onReady, &kept));
+    ASSERT_NE(0, loop.addPersistentIOHandle(handleRead, FD_SETSIZE, onReady, &kept));  // never watched
     plainPipe.put();
     keptPipe.put();  // neither is read: both stay ready
     loop.pass();     // rebuilt: both
     loop.pass();     // no change: the persistent one only
+    EXPECT_LT(loop.state.highestFd, FD_SETSIZE);
     {
         // Another loop's rebuild moves the process-wide handle generation on.
         DrivenLoop other;
@@ -278,14 +216,6 @@ struct Nested {
     int result;
 };
 
-int runNestedThenQuit(int, const ltTime&, void* user)
-{
-    auto* n = static_cast<Nested*>(user);
-    n->result = n->loop->run();  // already running: refused
-    n->loop->quit();
-    return 0;
-}
-
 TEST(RunAndQuit, RunReturnsAfterQuitFromAnyThreadWhileExecIgnoresIt)
 {
     DrivenLoop loop(false);
@@ -295,12 +225,30 @@ TEST(RunAndQuit, RunReturnsAfterQuitFromAnyThreadWhileExecIgnoresIt)
     // From a callback on the loop thread. Were the request above still kept, run() would
     // return after its first pass, before the timer fires.
     Nested nested = {&loop, 1};
-    ASSERT_NE(0, loop.addOneShotTimer(ltTime(0, 100000), runNestedThenQuit, &nested));
+    ASSERT_NE(0, loop.addOneShotTimer(ltTime(0, 100000), [](int, const ltTime&, void* p) {
+        auto* n = static_cast<Nested*>(p);
+        n->result = n->loop->run();  // already running: refused
+        n->loop->quit();
+        return 0;
+    }, &nested));
     EXPECT_EQ(0, loop.run());
     EXPECT_EQ(-1, nested.result);
-    // From another thread, to a run() blocked in select() with nothing to wait for.
-    std::future<int> running = std::async(std::launch::async, [&loop] { return loop.run(); });
+    // From another thread, to a run() blocked in select(): first a timer added from there wakes
+    // it and fires on the loop thread, then quit().
+    std::thread::id runner;
+    std::future<int> running = std::async(std::launch::async, [&] {
+        runner = std::this_thread::get_id();
+        return loop.run();
+    });
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    std::promise<std::thread::id> timerThread;
+    ASSERT_NE(0, loop.doAddTimer(timerAbsolute, lt_internal::wallClockNow(), ltTime::noTime, [](int, const ltTime&, void* p) {
+        static_cast<std::promise<std::thread::id>*>(p)->set_value(std::this_thread::get_id());
+        return 0;
+    }, &timerThread));
+    auto firing = timerThread.get_future();
+    ASSERT_EQ(std::future_status::ready, firing.wait_for(std::chrono::seconds(10)));
+    EXPECT_EQ(runner, firing.get());
     loop.quit();
     ASSERT_EQ(std::future_status::ready, running.wait_for(std::chrono::seconds(10)));
     EXPECT_EQ(0, running.get());

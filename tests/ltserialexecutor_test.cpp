@@ -27,7 +27,7 @@ TEST(SerialExecutorOrder, JobsFromManyThreadsRunOneAtATimeInEachPostersOrder)
     std::vector<std::thread> posters;
     for (int p = 0; p < kThreads; ++p) {
         posters.emplace_back([&, p] {
-            for (int i = 0; i < kJobs; ++i) {
+            for (int i = 0; i < kJobs; ++i)
                 executor.post([&, p, i] {
                     faults += running++ != 0;  // another job is running
                     faults += next[p]++ != i;  // overtaken within one poster's jobs
@@ -35,7 +35,6 @@ TEST(SerialExecutorOrder, JobsFromManyThreadsRunOneAtATimeInEachPostersOrder)
                     if (--left == 0)
                         allRan.set_value();
                 });
-            }
         });
     }
     for (std::thread& t : posters)
