@@ -1,17 +1,7 @@
 //===- abi_test.cpp - Where applications find the library's fields -------===//
-//
-// Applications allocate the library's classes themselves, derive from them and read their
-// fields. The table below is the documented layout of every such class, written from the
-// documented field lists: for each field its offset and size, for each class its size and
-// alignment, on armhf (4-byte pointers, int and long, 8-aligned 64-bit fields, 24-byte
-// pthread_mutex_t and std::string: the sizes applications were built with) and on x86-64.
-// `make abi-check` compares both builds with a recorded baseline, which also pins the virtual
-// tables (slot order, virtual destructors) and the enumerators; this table is what still fails
-// when a wrong layout is recorded into that baseline.
-//
-// ltAbiLayout is the friend the headers declare for this test: it names the private fields.
-//
-//===----------------------------------------------------------------------===//
+// The documented layout of every class applications allocate, derive from or read: each field's
+// offset and size, each class's size and alignment, on armhf and x86-64. `make abi-check` pins
+// the rest; this table still fails when a wrong layout is recorded into its baseline.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -21,18 +11,14 @@
 
 #include <gtest/gtest.h>
 
-#include "csp_osal.h"
+// The headers below also bring in the mutexes, events, handlers, times and timers they use.
 #include "lfcblock.h"
 #include "lfcutil.h"
-#include "lfcvector.h"
 #include "lfcvectoriterator.h"
 #include "ltbase64.h"
 #include "ltcalendartime.h"
-#include "ltcallbackeventhandler.h"
-#include "ltconditionmutex.h"
 #include "ltconfiguration.h"
 #include "ltcrypt.h"
-#include "ltevent.h"
 #include "lteventmask.h"
 #include "lteventqueue.h"
 #include "ltguard.h"
@@ -49,22 +35,13 @@
 #include "ltsemaphoros.h"
 #include "ltserialexecutor.h"
 #include "ltsortedlist.h"
-#include "lttime.h"
-#include "lttimer.h"
 #include "lttimerqueue.h"
 #include "lturi.h"
 
 namespace {
 
-struct Place {
-    size_t offset, size;  // of a field; for a whole class its size and alignment
-};
-
-struct Row {
-    const char* type;
-    const char* field;
-    Place found, armhf, x86_64;
-};
+struct Place { size_t offset, size; };  // of a field; for a whole class its size and alignment
+struct Row { const char* type; const char* field; Place found, armhf, x86_64; };
 
 // In the Itanium C++ ABI (ARM's EABI too) a pointer to a data member holds the member's offset.
 template <class C, class M>
@@ -76,8 +53,7 @@ Place at(M C::*member)
     return {static_cast<size_t>(offset), sizeof(M)};
 }
 
-// A reference has no member pointer: the queue's loop is where the queue's bytes hold its
-// loop's address.
+// A reference has no member pointer: the queue's loop is where its bytes hold the loop's address.
 Place loopReference()
 {
     ltLinuxSelectMainLoop loop;
@@ -92,8 +68,7 @@ Place loopReference()
 
 }  // namespace
 
-// F(class, field, armhf offset, size, x86-64 offset, size); S(class, armhf size, alignment,
-// x86-64 size, alignment).
+// F(class, field, armhf offset, size, x86-64 offset, size); S(class, armhf size, alignment, x86-64 ...).
 #define F(C, f, ao, as, xo, xs) Row{#C, #f, at(&C::f), {ao, as}, {xo, xs}}
 #define S(C, as, aa, xs, xa) Row{#C, "(size, alignment)", {sizeof(C), alignof(C)}, {as, aa}, {xs, xa}}
 
@@ -123,8 +98,7 @@ struct ltAbiLayout {
             F(TimerEntry, id, 24, 4, 32, 4), S(IOEntry, 20, 4, 32, 8), F(IOEntry, fd, 0, 4, 0, 4),
             F(IOEntry, userData, 4, 4, 8, 8), F(IOEntry, callback, 8, 4, 16, 8), F(IOEntry, id, 12, 4, 24, 4),
             F(IOEntry, stamp, 16, 1, 28, 1), F(IOEntry, type, 17, 1, 29, 1),
-            S(ltMainLoop, 4, 4, 8, 8),  // interfaces without data: their virtual table pointer
-            S(ltMainLoopMember, 4, 4, 8, 8),
+            S(ltMainLoop, 4, 4, 8, 8), S(ltMainLoopMember, 4, 4, 8, 8),  // no data: their virtual table pointer
             // the loop core's protected fields, named through the select loop (whose friend this is)
             S(ltAbstractMainLoop, 168, 4, 248, 8), F(ltLinuxSelectMainLoop, membersMutex_, 4, 24, 8, 40),
             F(ltLinuxSelectMainLoop, members_, 28, 24, 48, 32), F(ltLinuxSelectMainLoop, timerMutex_, 52, 24, 80, 40),
@@ -196,10 +170,10 @@ struct ltAbiLayout {
         };
     }
 
-    // Entry size, initial and largest log2 of the slot count, and whether a free slot's key
-    // is 0 (else all ones) of the loop's member, timer and descriptor tables.
-    static std::vector<std::tuple<int, int, int, bool>> loopTables(const ltLinuxSelectMainLoop& loop)
+    // Entry size, initial and largest log2 slot count, free key 0 (else all ones) of each loop table.
+    static std::vector<std::tuple<int, int, int, bool>> loopTables()
     {
+        ltLinuxSelectMainLoop loop;
         std::vector<std::tuple<int, int, int, bool>> shapes;
         for (const ltIdTable* t : {&loop.members_, &loop.timers_, &loop.ioHandles_})
             shapes.emplace_back(t->entrySize, t->initialBits, t->maxBits, t->freeIsZero);
@@ -230,9 +204,7 @@ TEST(Layout, EveryDocumentedFieldWhereApplicationsFindIt)
 #if !defined(__arm__) && !defined(__x86_64__)
     GTEST_SKIP() << "the table holds the armhf and x86-64 layouts only";
 #endif
-    std::vector<Row> rows = ltAbiLayout::rows();
-    for (const Row& r : ta::tarvotools::uri::ltAbiLayout::rows())
-        rows.push_back(r);
+    for (const auto& rows : {ltAbiLayout::rows(), ta::tarvotools::uri::ltAbiLayout::rows()})
     for (const Row& r : rows) {
         const Place& want = sizeof(void*) == 4 ? r.armhf : r.x86_64;
         EXPECT_EQ(want.offset, r.found.offset) << r.type << "::" << r.field << ": offset (or size)";
@@ -242,32 +214,26 @@ TEST(Layout, EveryDocumentedFieldWhereApplicationsFindIt)
 
 TEST(Layout, LoopTablesAndIdMasks)
 {
-    // 8 to 4096 members, 64 to 16384 timers (free when the first word is 0), 4 to 4096
-    // descriptors (free when the descriptor is -1).
-    ltLinuxSelectMainLoop loop;
+    // 8 to 4096 members, 64 to 16384 timers (free: first word 0), 4 to 4096 descriptors (fd -1).
     using Loop = ltAbstractMainLoop;
-    EXPECT_EQ((std::vector<std::tuple<int, int, int, bool>>{{sizeof(Loop::MemberEntry), 3, 12, true},
-                                                            {sizeof(Loop::TimerEntry), 6, 14, true},
-                                                            {sizeof(Loop::IOEntry), 2, 12, false}}),
-              ltAbiLayout::loopTables(loop));
+    EXPECT_EQ((std::vector<std::tuple<int, int, int, bool>>{
+                  {sizeof(Loop::MemberEntry), 3, 12, true}, {sizeof(Loop::TimerEntry), 6, 14, true}, {sizeof(Loop::IOEntry), 2, 12, false}}),
+              ltAbiLayout::loopTables());
     EXPECT_EQ((std::vector<uint32_t>{0xFF, 0xFF, 0xFFFF, 0xFFFFFF, 0xFFFFFFFF}),
               std::vector<uint32_t>(std::begin(ltIdTable::entryMaskes_), std::end(ltIdTable::entryMaskes_)));
 }
 
-// Applications read the pointer list's blocks: tag 3, three pointer slots; tag 2, a 16-bit
-// capacity and a 16-bit count, then the slots from the next pointer boundary.
+// Pointer list blocks: tag 3, three slots; tag 2, 16-bit capacity and count, slots from the next pointer.
 TEST(Layout, PointerListBlocks)
 {
     int64_t objects[3];
     ltPointerList triple(3), array(5);
-    ASSERT_EQ(0, triple.addPointer(&objects[0]));
-    ASSERT_EQ(0, array.addPointer(&objects[1]));
-    ASSERT_EQ(0, array.addPointer(&objects[2]));
+    ASSERT_TRUE(triple.addPointer(&objects[0]) == 0 && array.addPointer(&objects[1]) == 0 && array.addPointer(&objects[2]) == 0);
     const uintptr_t t = ltAbiLayout::storageOf(triple), a = ltAbiLayout::storageOf(array);
     ASSERT_EQ(std::make_tuple(3u, 2u), std::make_tuple(unsigned(t & 3), unsigned(a & 3)));
     EXPECT_EQ(&objects[0], reinterpret_cast<void* const*>(t & ~uintptr_t{3})[0]);
     const auto* block = reinterpret_cast<const unsigned char*>(a & ~uintptr_t{3});
-    uint16_t head[2];
+    uint16_t head[2];  // capacity, count
     void* slots[2];
     std::memcpy(head, block, sizeof head);
     std::memcpy(slots, block + alignof(void*), sizeof slots);

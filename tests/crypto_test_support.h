@@ -1,12 +1,10 @@
-// Shared by the tests that work on files: a temporary directory, byte files, the openssl tool
-// as a peer, open descriptors, the debug line format, and a private RSA key folder.
+// Shared by the tests that work on files: a temporary directory, byte files, the openssl tool,
+// open descriptors, the debug line format, and a private RSA key folder.
 #ifndef CRYPTO_TEST_SUPPORT_H
 #define CRYPTO_TEST_SUPPORT_H
 
-#include <dirent.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,15 +12,18 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iterator>
 #include <random>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <openssl/evp.h>
 
 namespace crypto_test {
 
@@ -40,16 +41,12 @@ inline void writeFile(const std::string& path, const Bytes& data) { writeFile(pa
 // A fresh directory under TMPDIR (or /tmp), removed with its contents at the end.
 class TempDir {
 public:
-    TempDir()
+    TempDir() : path_(std::string(getenv("TMPDIR") && *getenv("TMPDIR") ? getenv("TMPDIR") : "/tmp") + "/lttest-XXXXXX")
     {
-        const char* base = std::getenv("TMPDIR");
-        path_ = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/lttest-XXXXXX";
         if (mkdtemp(&path_[0]) == nullptr)
             throw std::runtime_error("mkdtemp failed");
     }
-    ~TempDir() { (void)std::system(("rm -rf '" + path_ + "'").c_str()); }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
+    ~TempDir() { std::error_code ignored; std::filesystem::remove_all(path_, ignored); }
     const std::string& path() const { return path_; }
     std::string file(const std::string& name) const { return path_ + "/" + name; }
     std::string put(const std::string& name, const std::string& text) const { return writeFile(file(name), text), file(name); }
@@ -74,26 +71,17 @@ inline int runCommand(const std::string& command, std::string* output = nullptr)
 
 inline bool haveOpenssl() { return runCommand("openssl version >/dev/null 2>&1") == 0; }
 
-inline int openDescriptors()
-{
-    int n = 0;
-    if (DIR* d = opendir("/proc/self/fd")) {
-        while (readdir(d) != nullptr)
-            ++n;
-        closedir(d);
-    }
-    return n;
-}
+inline long openDescriptors() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
 
-// True when a line of captured reads "<file>:<line>:<func>(): <message>".
+// True when a line of captured reads "<file>:<line>:<func>(): <message>" (message ends in "\n").
 inline bool hasDebugLine(const std::string& captured, const std::string& file, const std::string& func,
                          const std::string& message)
 {
-    const std::string rest = ":" + func + "(): " + message;
-    for (size_t at = 0; (at = captured.find(file + ":", at)) != std::string::npos; ++at) {
-        const size_t from = at + file.size() + 1, end = captured.find_first_not_of("0123456789", from);
-        if ((at == 0 || captured[at - 1] == '\n') && end != std::string::npos && end > from &&
-            captured.compare(end, rest.size(), rest) == 0)
+    std::istringstream lines(captured);
+    for (std::string l; std::getline(lines, l);) {
+        const size_t from = file.size() + 1, end = l.find_first_not_of("0123456789", from);
+        if (l.compare(0, from, file + ":") == 0 && end != std::string::npos && end > from &&
+            l.substr(end) + "\n" == ":" + func + "(): " + message)
             return true;
     }
     return false;
@@ -116,6 +104,14 @@ inline std::string hexOf(const unsigned char* data, size_t size)
     return out;
 }
 
+inline std::string opensslDigestHex(const Bytes& data, const EVP_MD* type)
+{
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int size = 0;
+    EXPECT_EQ(1, EVP_Digest(data.data(), data.size(), digest, &size, type, nullptr));
+    return hexOf(digest, size);
+}
+
 inline const std::string kKeyDir = "/usr/local/configuration/keys";  // where ltrsa looks
 
 // In a child: a private mount namespace (a user namespace of its own without root) where an
@@ -134,52 +130,38 @@ inline std::string makePrivateKeyDir()
     }
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)  // nothing leaks out
         return failed("making / private");
-    auto isDirectory = [](const std::string& path) {
-        struct stat st;
-        return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-    };
     std::string base = kKeyDir;
-    while (!base.empty() && !isDirectory(base))
+    for (std::error_code e; !base.empty() && !std::filesystem::is_directory(base, e);)
         base = base.substr(0, base.rfind('/'));
     if (base.empty() || base == "/usr")
         return "no directory to hide below /usr";
     if (mount("lt-test-keys", base.c_str(), "tmpfs", 0, "mode=0755") != 0)
         return failed("mounting a tmpfs over " + base);
-    for (size_t slash = base.size(); slash != std::string::npos;) {
-        slash = kKeyDir.find('/', slash + 1);
-        (void)mkdir(kKeyDir.substr(0, slash).c_str(), 0755);  // an existing level fails harmlessly
-    }
-    return isDirectory(kKeyDir) ? "" : "could not create " + kKeyDir;
+    std::error_code error;
+    std::filesystem::create_directories(kKeyDir, error);
+    return std::filesystem::is_directory(kKeyDir, error) ? "" : "could not create " + kKeyDir;
 }
 
-// Runs body in a child with a private key directory. The child prints its own failures; the
-// parent reports them, or skips when the namespace is refused.
+// Runs body in a child with a private key directory. The child prints its own failures (or why
+// the namespace was refused); the parent reports them, or skips.
 inline void runWithPrivateKeyDir(const std::function<void()>& body)
 {
     constexpr int kSetupRefused = 77;
-    int reasonPipe[2];
-    ASSERT_EQ(0, pipe(reasonPipe));
     std::fflush(nullptr);  // nothing buffered may be printed twice
     const pid_t child = fork();
     ASSERT_GE(child, 0) << std::strerror(errno);
     if (child == 0) {
-        (void)close(reasonPipe[0]);
-        const std::string reason = makePrivateKeyDir();
-        if (!reason.empty())
-            (void)!write(reasonPipe[1], reason.data(), reason.size()), _exit(kSetupRefused);
+        if (const std::string reason = makePrivateKeyDir(); !reason.empty())
+            std::fprintf(stderr, "%s\n", reason.c_str()), _exit(kSetupRefused);
         body();
         std::fflush(nullptr);
         _exit(::testing::Test::HasFailure() ? 1 : 0);  // no second run of the exit handlers
     }
-    (void)close(reasonPipe[1]);
-    char reason[256] = {};
-    (void)!read(reasonPipe[0], reason, sizeof reason - 1);
-    (void)close(reasonPipe[0]);
     int status = 0;
     ASSERT_EQ(child, waitpid(child, &status, 0));
     ASSERT_TRUE(WIFEXITED(status)) << "the child died with signal " << WTERMSIG(status);
     if (WEXITSTATUS(status) == kSetupRefused)
-        GTEST_SKIP() << "a private mount namespace for the key files is not permitted here: " << reason;
+        GTEST_SKIP() << "a private mount namespace for the key files is not permitted here (see above)";
     EXPECT_EQ(0, WEXITSTATUS(status)) << "the child reported failures (see above)";
 }
 
