@@ -31,24 +31,18 @@ Items itemsOf(const LtUri& u)
 TEST(UriParsing, SplitsEachExampleAndComposesItBack)
 {
     const struct {
-        const char* text;
-        const char* scheme;
-        const char* authority;
-        const char* path;
+        const char *text, *scheme, *authority, *path;
         Items items;
-        const char* fragment;
-        const char* composed;
+        const char *fragment, *composed;
     } cases[] = {
         {"dvbt://plain/search?onid=1&tsid=2&sid=3", "dvbt", "plain", "search", {{"onid", "1"}, {"tsid", "2"}, {"sid", "3"}},
          "", "dvbt://plain/search?onid=1&tsid=2&sid=3"},
         // '#' belongs to file names; the scheme alone is lower-cased.
         {"FILE:///mnt/usb/a#1.ts?position=10", "file", "", "/mnt/usb/a#1.ts", {{"position", "10"}}, "",
          "file:///mnt/usb/a#1.ts?position=10"},
-        {"file:///a#b", "file", "", "/a#b", {}, "", "file:///a#b"},
+        {"file:///a#b", "file", "", "/a#b", {}, "", "file:///a#b"}, {"s://#f", "s", "", "", {}, "f", "s://#f"},
         {"rtsp://a:554/x?id=5#top", "rtsp", "a:554", "x", {{"id", "5"}}, "top", "rtsp://a:554/x?id=5#top"},
         {"http://h/a#b.ts?x=1", "http", "h", "a", {}, "b.ts?x=1", "http://h/a#b.ts?x=1"},
-        {"Http://Host/Some/Path?Key=Val", "http", "Host", "Some/Path", {{"Key", "Val"}}, "", "http://Host/Some/Path?Key=Val"},
-        {"s://#f", "s", "", "", {}, "f", "s://#f"},
         // Without "//" the character after ':' is skipped, whatever it is.
         {"rec:/a/b", "rec", "", "a/b", {}, "", "rec://a/b"}, {"x:abc", "x", "", "bc", {}, "", "x://bc"},
         {"x:a", "x", "", "", {}, "", "x://"}, {"x:", "x", "", "", {}, "", "x://"},
@@ -61,8 +55,7 @@ TEST(UriParsing, SplitsEachExampleAndComposesItBack)
         {":", "", "", "", {}, "", ":"}, {"s://", "s", "", "", {}, "", "s://"}, {"s:///", "s", "", "/", {}, "", "s:///"},
         {"s:?", "s", "", "", {}, "", "s://"}, {"s:#", "s", "", "", {}, "", "s://"},
         {"s://?=&#", "s", "", "", {{"", ""}}, "", "s://?"}, {"s://a?k=1&", "s", "a", "", {{"k", "1"}}, "", "s://a?k=1"},
-        {"no-colon-text", "", "", "", {}, "", "no-colon-text"},
-        {"", "", "", "", {}, "", ""},
+        {"no-colon-text", "", "", "", {}, "", "no-colon-text"}, {"", "", "", "", {}, "", ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);
