@@ -53,7 +53,7 @@ TEST(UriParsing, SplitsEachExampleAndComposesItBack)
         {"s://a?k=v=w&=e&k2=", "s", "a", "", {{"k", "v=w"}, {"", "e"}, {"k2", ""}}, "", "s://a?k=v=w&=e&k2"},
         {"s://a?k=1&j=2&k=3", "s", "a", "", {{"k", "3"}, {"j", "2"}}, "", "s://a?k=3&j=2"},
         {":", "", "", "", {}, "", ":"}, {"s://", "s", "", "", {}, "", "s://"}, {"s:///", "s", "", "/", {}, "", "s:///"},
-        {"s:?", "s", "", "", {}, "", "s://"}, {"s:#", "s", "", "", {}, "", "s://"},
+        {"s:?", "s", "", "", {}, "", "s://"}, {"s:#", "s", "", "", {}, "", "s://"}, {"s://a?k", "s", "a", "", {{"k", ""}}, "", "s://a?k"},
         {"s://?=&#", "s", "", "", {{"", ""}}, "", "s://?"}, {"s://a?k=1&", "s", "a", "", {{"k", "1"}}, "", "s://a?k=1"},
         {"no-colon-text", "", "", "", {}, "", "no-colon-text"}, {"", "", "", "", {}, "", ""},
     };
@@ -80,9 +80,11 @@ TEST(UriQueryItems, ReplacingKeepsThePlaceAndEmptyValuesHaveNoEquals)
     u.setFragment("now");
     EXPECT_EQ("dvbt://plain/lcn?frontend&id=4294967295#now", u.getUri());
 
-    u.removeQueries();
+    u.removeQueries();  // the values too
     u.addQuery(uri::Query::AtscType, 1u);
     EXPECT_EQ("dvbt://plain/lcn?atscType=1#now", u.getUri());
+    unsigned id = 0;
+    EXPECT_EQ(-1, u.getValue("id", id));
 
     const std::string base = "s://h?a=1&b=2&c=3";
     // Removing the first of three moves the others up; the list ends in an empty entry.
