@@ -7,7 +7,6 @@
 #include <climits>
 #include <cstdlib>
 #include <initializer_list>
-#include <map>
 #include <utility>
 #include <vector>
 
@@ -23,10 +22,8 @@ using Refs = std::vector<lfcObject*>;
 Refs fill(lfcVector& v, std::initializer_list<int> ns)
 {
     Refs model;
-    for (int n : ns) {
-        EXPECT_EQ(0, v.add(objects[n]));
-        model.push_back(&objects[n]);
-    }
+    for (int n : ns)
+        EXPECT_EQ(0, v.add(*model.emplace_back(&objects[n])));
     return model;
 }
 
@@ -73,14 +70,10 @@ TEST(VectorGrowth, GrowsLinearlyAndCountsItsArray)
     {
         lfcVector v;  // no array until the first add
         Refs model;
-        const std::map<int, int> capacityAfter = {{1, 15}, {15, 15}, {16, 30}, {30, 30}, {31, 45}};
         for (int n = 1; n <= 31; ++n) {
-            ASSERT_EQ(0, v.add(objects[n]));
-            model.push_back(&objects[n]);
-            if (capacityAfter.count(n) != 0) {
-                EXPECT_EQ(capacityAfter.at(n), v.capacity) << n << " entries";
-                EXPECT_EQ(base + v.capacity * static_cast<int>(sizeof(void*)), lfcUtilMallocUsed);
-            }
+            ASSERT_EQ(0, v.add(*model.emplace_back(&objects[n])));
+            EXPECT_EQ((n + 14) / 15 * 15, v.capacity) << n << " entries";  // steps of 15
+            EXPECT_EQ(base + v.capacity * static_cast<int>(sizeof(void*)), lfcUtilMallocUsed);
         }
         EXPECT_EQ(model, contents(v));
     }
@@ -102,8 +95,7 @@ TEST(VectorInsert, BelowSizeIntoAFullVectorKeepsCapacityAndEveryEntry)
 {
     lfcVector v(4, 3);
     Refs model = fill(v, {0, 1, 2, 3});
-    // Full: inserts below size do not grow the capacity (kept), yet every entry stays intact
-    // (the sanitizer build checks that nothing is written past the array).
+    // Full: inserts below size keep the capacity (kept), and every entry (ASan: nothing past the array).
     const int at[] = {1, 0, 3, 2, 0};
     for (int k = 0; k < 5; ++k) {
         ASSERT_EQ(0, v.insert(objects[10 + k], at[k]));
@@ -111,8 +103,7 @@ TEST(VectorInsert, BelowSizeIntoAFullVectorKeepsCapacityAndEveryEntry)
         EXPECT_EQ(4, v.capacity);
         EXPECT_EQ(model, contents(v));
     }
-    ASSERT_EQ(0, v.add(objects[20]));  // the next add grows from size
-    model.push_back(&objects[20]);
+    ASSERT_EQ(0, v.add(*model.emplace_back(&objects[20])));  // the next add grows from size
     EXPECT_EQ(9 + 3, v.capacity);
     EXPECT_EQ(model, contents(v));
 
@@ -149,13 +140,8 @@ TEST(VectorIteration, RemovesWhatItReturnedAndCopiesCollections)
     lfcVectorIterator* it = v.iterator();
     EXPECT_EQ(0, it->remove());  // nothing returned yet: no change
     EXPECT_EQ(all, contents(v));
-    for (int k = 0; it->hasNext(); ++k) {
-        lfcObject* o = it->next();
-        if (k % 2 == 0)
-            EXPECT_EQ(0, it->remove());
-        else
-            EXPECT_NE(nullptr, o);
-    }
+    for (int k = 0; it->hasNext(); ++k)  // removes every second entry, from the first
+        EXPECT_TRUE(it->next() != nullptr && (k % 2 != 0 || it->remove() == 0)) << k;
     EXPECT_EQ(nullptr, it->next());
     delete it;
     const Refs odd = {&objects[1], &objects[3], &objects[5]};

