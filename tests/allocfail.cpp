@@ -75,6 +75,7 @@ void* (*nextMalloc)(size_t);
 void* (*nextCalloc)(size_t, size_t);
 void* (*nextRealloc)(void*, size_t);
 void (*nextFree)(void*);
+void *(*nextAlignedAlloc)(size_t, size_t), *(*nextMemalign)(size_t, size_t);
 
 long long usableSize(void* p) { return static_cast<long long>(forward(nextUsableSize, "malloc_usable_size", p)); }
 
@@ -101,8 +102,7 @@ template <class Fn, class... A> void* allocate(Fn& next, const char* name, A... 
     return shouldFail() ? nullptr : added(forward(next, name, args...));
 }
 
-// operator new forwards to the next one of its form: libstdc++'s calls malloc (accounted
-// there), ASan's does not.
+// To the next operator new of the form: libstdc++'s calls malloc (accounted there), ASan's not.
 template <bool Throws, class Fn, class... A> void* newForm(Fn& next, const char* name, A... args)
 {
     if (!shouldFail())
@@ -147,17 +147,8 @@ void free(void* p)
 }
 
 // Over-aligned operator new comes here.
-void* aligned_alloc(size_t align, size_t n)
-{
-    static void* (*next)(size_t, size_t);
-    return allocate(next, "aligned_alloc", align, n);
-}
-
-void* memalign(size_t align, size_t n)
-{
-    static void* (*next)(size_t, size_t);
-    return allocate(next, "memalign", align, n);
-}
+void* aligned_alloc(size_t align, size_t n) { return allocate(nextAlignedAlloc, "aligned_alloc", align, n); }
+void* memalign(size_t align, size_t n) { return allocate(nextMemalign, "memalign", align, n); }
 
 int posix_memalign(void** out, size_t align, size_t n)
 {
