@@ -16,21 +16,16 @@
 
 namespace {
 
-// Until this executable's own constructors run, the allocator behind us may not be ready
-// (ASan initialises in its own constructor, and dlsym allocates while it does): requests are
-// served from this buffer, each with its size in front, and never given back.
+// Until this executable's constructors run, the allocator behind may not be ready (dlsym
+// allocates while ASan sets up): requests come from here, size in front, never given back.
 alignas(16) char bootBuffer[1 << 20];
 size_t bootUsed;
 bool ready;
 
-// Thread-local, trivially initialised: static TLS of the executable, reached without
-// allocating. tDepth > 0 means "inside an allocation already counted".
-__thread long tFailAt;  // 0: disarmed
-__thread long tCount;   // allocations since arming
-__thread bool tFromNthOn;
+// Static TLS of the executable, reached without allocating; tDepth > 0: inside a counted request.
+__thread long tFailAt, tCount;  // tFailAt 0: disarmed
+__thread bool tFromNthOn, tInjected;
 __thread int tDepth;
-__thread bool tInjected;
-
 std::atomic<long long> gLiveBytes{0};
 
 void* bootAlloc(size_t n)
@@ -40,42 +35,34 @@ void* bootAlloc(size_t n)
         abort();
     char* p = bootBuffer + bootUsed;
     bootUsed += rounded;
-    *reinterpret_cast<size_t*>(p) = n;  // no library call: it may not be ready either
+    *reinterpret_cast<size_t*>(p) = n;
     return p + 16;
 }
 
 size_t bootSize(const void* p) { return *reinterpret_cast<const size_t*>(static_cast<const char*>(p) - 16); }
-
 bool isBoot(const void* p) { return p >= bootBuffer && p < bootBuffer + sizeof bootBuffer; }
 
 struct Nested {
     Nested() { ++tDepth; }
     ~Nested() { --tDepth; }
-    Nested(const Nested&) = delete;
-    Nested& operator=(const Nested&) = delete;
 };
 
-// Counts one allocation request of the arming thread; true when it is to fail.
+// Counts one request of the arming thread; true when it is to fail.
 bool shouldFail()
 {
-    if (tFailAt <= 0 || tDepth > 0)
+    if (tFailAt <= 0 || tDepth > 0 || (tFromNthOn ? ++tCount < tFailAt : ++tCount != tFailAt))
         return false;
-    const long c = ++tCount;
-    if (tFromNthOn ? c < tFailAt : c != tFailAt)
-        return false;
-    tInjected = true;
-    errno = ENOMEM;  // as a failing malloc does; glibc's thread start asserts it
-    return true;
+    errno = ENOMEM;  // glibc's thread start asserts it
+    return tInjected = true;
 }
 
-// The next definition of a function (glibc's, libstdc++'s or the sanitizer's), looked up once.
 template <class Fn> void lookUp(Fn& next, const char* name)
 {
     if (next == nullptr && (next = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name))) == nullptr)
         abort();
 }
 
-// Calls the next definition, as an allocation already counted.
+// Calls the next definition (glibc's, libstdc++'s or the sanitizer's) as a nested request.
 template <class R, class... P, class... A> R forward(R (*&next)(P...), const char* name, A... args)
 {
     Nested nested;
@@ -88,21 +75,18 @@ void* (*nextMalloc)(size_t);
 void* (*nextCalloc)(size_t, size_t);
 void* (*nextRealloc)(void*, size_t);
 void (*nextFree)(void*);
-void* (*nextAlignedAlloc)(size_t, size_t);
-void* (*nextMemalign)(size_t, size_t);
-int (*nextPosixMemalign)(void**, size_t, size_t);
+void *(*nextAlignedAlloc)(size_t, size_t), *(*nextMemalign)(size_t, size_t);
 
 long long usableSize(void* p) { return static_cast<long long>(forward(nextUsableSize, "malloc_usable_size", p)); }
 
 void* added(void* p)
 {
     if (p != nullptr && !isBoot(p))
-        gLiveBytes.fetch_add(usableSize(p), std::memory_order_relaxed);
+        gLiveBytes += usableSize(p);
     return p;
 }
 
-// Runs after the constructors of every shared object, the allocator's included. What dlsym
-// allocates meanwhile comes from the buffer; later lookups are served by these.
+// Runs after every shared object's constructors, the allocator's included.
 __attribute__((constructor)) void becomeReady()
 {
     lookUp(nextUsableSize, "malloc_usable_size");
@@ -118,21 +102,28 @@ template <class Fn, class... A> void* allocate(Fn& next, const char* name, A... 
     return shouldFail() ? nullptr : added(forward(next, name, args...));
 }
 
+// To the next operator new of the form: libstdc++'s calls malloc (accounted there), ASan's not.
+template <bool Throws, class Fn, class... A> void* newForm(Fn& next, const char* name, A... args)
+{
+    if (!shouldFail())
+        return forward(next, name, args...);
+    if (Throws) {
+        Nested nested;  // the exception object is allocated before unwinding leaves this frame
+        throw std::bad_alloc();
+    }
+    return nullptr;
+}
+
 }  // namespace
 
 extern "C" {
 
 void* malloc(size_t n) { return ready ? allocate(nextMalloc, "malloc", n) : bootAlloc(n); }
-
-void* calloc(size_t n, size_t m)
-{
-    return ready ? allocate(nextCalloc, "calloc", n, m) : bootAlloc(n * m);  // zero, never reused
-}
+void* calloc(size_t n, size_t m) { return ready ? allocate(nextCalloc, "calloc", n, m) : bootAlloc(n * m); }
 
 void* realloc(void* old, size_t n)
 {
-    if (!ready || isBoot(old)) {
-        // Early, or a block from the early days: copied, the old one never given back.
+    if (!ready || isBoot(old)) {  // copied, the old block never given back
         void* p = ready ? malloc(n) : bootAlloc(n);
         if (p != nullptr && old != nullptr)
             std::memcpy(p, old, std::min(n, bootSize(old)));
@@ -143,7 +134,7 @@ void* realloc(void* old, size_t n)
     const long long before = old != nullptr ? usableSize(old) : 0;
     void* p = forward(nextRealloc, "realloc", old, n);
     if (p != nullptr || n == 0)  // realloc(old, 0) frees old
-        gLiveBytes.fetch_sub(before, std::memory_order_relaxed);
+        gLiveBytes -= before;
     return added(p);
 }
 
@@ -151,27 +142,26 @@ void free(void* p)
 {
     if (p == nullptr || isBoot(p))
         return;
-    gLiveBytes.fetch_sub(usableSize(p), std::memory_order_relaxed);
+    gLiveBytes -= usableSize(p);
     forward(nextFree, "free", p);
 }
 
-// Over-aligned operator new comes here: counted and failed like malloc, released by free().
+// Over-aligned operator new comes here.
 void* aligned_alloc(size_t align, size_t n) { return allocate(nextAlignedAlloc, "aligned_alloc", align, n); }
-
 void* memalign(size_t align, size_t n) { return allocate(nextMemalign, "memalign", align, n); }
 
 int posix_memalign(void** out, size_t align, size_t n)
 {
+    static int (*next)(void**, size_t, size_t);
     if (shouldFail())
         return ENOMEM;
-    const int r = forward(nextPosixMemalign, "posix_memalign", out, align, n);
+    const int r = forward(next, "posix_memalign", out, align, n);
     if (r == 0)
         added(*out);
     return r;
 }
 
-// ASan answers these itself, without passing through malloc: here they do, so they are
-// counted and can fail in every build.
+// ASan answers these without malloc: here they go through it.
 char* strndup(const char* s, size_t max)
 {
     const size_t n = strnlen(s, max);
@@ -187,82 +177,38 @@ char* strdup(const char* s) { return strndup(s, SIZE_MAX); }
 
 }  // extern "C"
 
-// operator new in all its forms forwards to the next one of the same form: libstdc++'s, which
-// calls malloc (so its blocks are accounted there), or ASan's, which does not. The throwing
-// forms fail with std::bad_alloc, the nothrow forms with null.
-namespace {
-
-using NewFn = void* (*)(size_t);
-using NewNothrowFn = void* (*)(size_t, const std::nothrow_t&);
-using NewAlignedFn = void* (*)(size_t, std::align_val_t);
-using NewAlignedNothrowFn = void* (*)(size_t, std::align_val_t, const std::nothrow_t&);
-NewFn nextNew, nextNewArray;
-NewNothrowFn nextNewNothrow, nextNewArrayNothrow;
-NewAlignedFn nextNewAligned, nextNewArrayAligned;
-NewAlignedNothrowFn nextNewAlignedNothrow, nextNewArrayAlignedNothrow;
-
-template <bool Throws, class Fn, class... A> void* newForm(Fn& next, const char* name, A... args)
-{
-    if (!shouldFail())
-        return forward(next, name, args...);
-    if (Throws) {
-        Nested nested;  // the exception object is allocated before unwinding leaves this frame
-        throw std::bad_alloc();
-    }
-    return nullptr;
-}
-
-}  // namespace
-
-// The mangled names of the next forms; size_t is 'j' on 32-bit targets.
 #if __SIZEOF_SIZE_T__ == 8
 #define LT_SZ "m"
 #else
 #define LT_SZ "j"
 #endif
-#define LT_NOTHROW "RKSt9nothrow_t"
-#define LT_ALIGN "St11align_val_t"
-
-void* operator new(size_t n) { return newForm<true>(nextNew, "_Znw" LT_SZ, n); }
-void* operator new[](size_t n) { return newForm<true>(nextNewArray, "_Zna" LT_SZ, n); }
-void* operator new(size_t n, const std::nothrow_t& t) noexcept
-{
-    return newForm<false>(nextNewNothrow, "_Znw" LT_SZ LT_NOTHROW, n, t);
-}
-void* operator new[](size_t n, const std::nothrow_t& t) noexcept
-{
-    return newForm<false>(nextNewArrayNothrow, "_Zna" LT_SZ LT_NOTHROW, n, t);
-}
-void* operator new(size_t n, std::align_val_t a) { return newForm<true>(nextNewAligned, "_Znw" LT_SZ LT_ALIGN, n, a); }
-void* operator new[](size_t n, std::align_val_t a)
-{
-    return newForm<true>(nextNewArrayAligned, "_Zna" LT_SZ LT_ALIGN, n, a);
-}
-void* operator new(size_t n, std::align_val_t a, const std::nothrow_t& t) noexcept
-{
-    return newForm<false>(nextNewAlignedNothrow, "_Znw" LT_SZ LT_ALIGN LT_NOTHROW, n, a, t);
-}
-void* operator new[](size_t n, std::align_val_t a, const std::nothrow_t& t) noexcept
-{
-    return newForm<false>(nextNewArrayAlignedNothrow, "_Zna" LT_SZ LT_ALIGN LT_NOTHROW, n, a, t);
-}
+#define LT_NEW(Throws, Form, Mangled, Params, ...)                               \
+    void* Form Params noexcept(!(Throws))                                          \
+    {                                                                              \
+        static void* (*next) Params;                                               \
+        return newForm<Throws>(next, Mangled, __VA_ARGS__);                        \
+    }
+LT_NEW(true, operator new, "_Znw" LT_SZ, (size_t n), n)
+LT_NEW(true, operator new[], "_Zna" LT_SZ, (size_t n), n)
+LT_NEW(false, operator new, "_Znw" LT_SZ "RKSt9nothrow_t", (size_t n, const std::nothrow_t& t), n, t)
+LT_NEW(false, operator new[], "_Zna" LT_SZ "RKSt9nothrow_t", (size_t n, const std::nothrow_t& t), n, t)
+LT_NEW(true, operator new, "_Znw" LT_SZ "St11align_val_t", (size_t n, std::align_val_t a), n, a)
+LT_NEW(true, operator new[], "_Zna" LT_SZ "St11align_val_t", (size_t n, std::align_val_t a), n, a)
+LT_NEW(false, operator new, "_Znw" LT_SZ "St11align_val_tRKSt9nothrow_t",
+       (size_t n, std::align_val_t a, const std::nothrow_t& t), n, a, t)
+LT_NEW(false, operator new[], "_Zna" LT_SZ "St11align_val_tRKSt9nothrow_t",
+       (size_t n, std::align_val_t a, const std::nothrow_t& t), n, a, t)
 
 namespace allocfail {
-
-long long liveBytes() { return gLiveBytes.load(std::memory_order_relaxed); }
 
 void Attempt::run(const std::function<void()>& op)
 {
     struct Disarm {
         Attempt& a;
-        ~Disarm()
-        {
-            tFailAt = 0;
-            a.failed_ = a.failed_ || tInjected;
-        }
+        ~Disarm() { tFailAt = 0, a.failed_ = a.failed_ || tInjected; }
     } guard{*this};
     tCount = 0;
-    tFromNthOn = mode_ == Mode::FromNthOn;
+    tFromNthOn = fromNthOn_;
     tInjected = false;
     tFailAt = n_;
     op();
@@ -283,35 +229,27 @@ bool Attempt::runThrowing(const std::function<void()>& op)
 
 long sweep(const char* name, const std::function<void(Attempt&)>& body, bool exactBytes)
 {
-    constexpr long kMaxPoints = 100000;  // an operation allocating more is a fault of its own
     long points = -1;
-    {
-        SCOPED_TRACE(std::string(name) + ": no allocation fails");
-        Attempt warm(0, Mode::Once);
-        body(warm);
-        if (::testing::Test::HasFailure())
-            return 0;
-    }
-    for (Mode mode : {Mode::Once, Mode::FromNthOn}) {
+    Attempt warm(0, false);
+    body(warm);
+    if (::testing::Test::HasFailure())
+        return 0;
+    for (bool fromNthOn : {false, true}) {
         for (long n = 1;; ++n) {
             SCOPED_TRACE(std::string(name) + ": allocation " + std::to_string(n) + " fails" +
-                         (mode == Mode::Once ? "" : ", and every later one"));
-            Attempt attempt(n, mode);
-            const long long before = liveBytes();
+                         (fromNthOn ? ", and every later one" : ""));
+            Attempt attempt(n, fromNthOn);
+            const long long before = gLiveBytes.load();
             body(attempt);
             if (exactBytes) {
-                EXPECT_EQ(before, liveBytes()) << "bytes leaked or freed twice";
+                EXPECT_EQ(before, gLiveBytes.load()) << "bytes leaked or freed twice";
             }
+            EXPECT_LT(n, 100000) << "still allocating";  // a fault of its own
             if (::testing::Test::HasFailure())
                 return 0;
             if (!attempt.failed()) {
-                if (points < 0)
-                    points = n - 1;
+                points = points < 0 ? n - 1 : points;
                 break;
-            }
-            if (n >= kMaxPoints) {
-                ADD_FAILURE() << "still allocating after " << kMaxPoints << " allocations";
-                return 0;
             }
         }
     }
