@@ -1,18 +1,9 @@
 //===- clockstep_test.cpp - The wall clock stepped under an armed loop ----===//
-//
-// A TV sets its wall clock from the broadcast stream long after it has booted, by hours or by
-// years, forward or back. The loop measures every expiry in the monotonic clock: a relative
-// timer, a TTL or a lethal time keeps the expiry it was armed with, an absolute time is turned
-// into monotonic time once, when it is added, and the loop neither spins nor stalls across the
-// step.
-//
-// The wall clock is stepped with libfaketime, which CTest preloads (after the sanitizer
-// runtime, which must come first) and which reads its offset from FAKETIME_TIMESTAMP_FILE on
-// every call; the monotonic clock stays real (FAKETIME_DONT_FAKE_MONOTONIC). Run without the
-// preload, every test skips. Expiries are compared as values; nothing asserts how long a wait
-// took.
-//
-//===----------------------------------------------------------------------===//
+// A TV sets its wall clock from the broadcast long after boot, by hours or years either way. A
+// relative timer, a TTL or a lethal time keeps the monotonic expiry it was armed with; an absolute
+// time is made monotonic once, when added; the loop neither spins nor stalls across the step.
+// libfaketime (preloaded by CTest) steps the wall clock from FAKETIME_TIMESTAMP_FILE; without it
+// every test skips. Expiries are compared as values; no wait is timed.
 #include <sys/time.h>
 #include <time.h>
 
@@ -26,15 +17,17 @@
 
 #include <gtest/gtest.h>
 
+#include "drivenloop.h"
 #include "ltcallbackeventhandler.h"
 #include "ltevent.h"
 #include "lteventmask.h"
 #include "lteventqueue.h"
-#include "ltlinuxselectmainloop.h"
 
 namespace {
 
 constexpr long long kUsec = 1000000, kHour = 3600, kYear = 365 * 24 * kHour;
+constexpr int kPassBudget = 60;               // a few passes per wait; a spinning loop runs thousands
+constexpr long long kPatienceUs = 8 * kUsec;  // far beyond every expiry armed here
 
 long long monoUs()
 {
@@ -53,17 +46,7 @@ long long wallUs()
 long long us(const ltTime& t) { return t.sec * kUsec + t.usec; }
 ltTime fromUs(long long v) { return ltTime(static_cast<int32_t>(v / kUsec), static_cast<int32_t>(v % kUsec)); }
 
-struct TestLoop : ltLinuxSelectMainLoop {
-    using ltLinuxSelectMainLoop::beginExec;
-    using ltLinuxSelectMainLoop::runOnePass;
-    using PassState = ltLinuxSelectMainLoop::PassState;
-};
-
-constexpr int kPassBudget = 60;               // a few passes per wait; a spinning loop runs thousands
-constexpr long long kPatienceUs = 8 * kUsec;  // far beyond every expiry these tests arm
-
-// A loop driven pass by pass under a wall clock that the test steps: real time plus the offset
-// written into libfaketime's file.
+// A loop driven pass by pass under a wall clock of real time plus the offset in libfaketime's file.
 class WallClockStep : public ::testing::Test {
 protected:
     void SetUp() override
@@ -74,17 +57,14 @@ protected:
         if (!step(0) || !stepped)
             GTEST_SKIP() << "libfaketime is not preloaded with FAKETIME_TIMESTAMP_FILE (CTest does so on "
                             "native builds): the wall clock cannot be stepped";
-        loop.beginExec(s);
+        loop.begin();
     }
     void TearDown() override { step(0); }
 
     bool step(long long offsetSec)
     {
         FILE* f = file_ != nullptr ? std::fopen(file_, "w") : nullptr;
-        if (f == nullptr)
-            return false;
-        std::fprintf(f, "%+lld\n", offsetSec);
-        return std::fclose(f) == 0;
+        return f != nullptr && std::fprintf(f, "%+lld\n", offsetSec) > 0 && std::fclose(f) == 0;
     }
 
     // Steps the wall clock so that it reads about the monotonic clock plus deltaSec.
@@ -94,10 +74,9 @@ protected:
         step(deltaSec - (wallUs() - monoUs()) / kUsec);
     }
 
-    // Runs passes until done() holds, while a helper thread applies steps() to the wall clock
-    // after a short while (with the loop most likely blocked in select()). False when the loop
-    // spun (more passes than the budget) or stalled (the monotonic patience ran out; a watchdog
-    // wakes a loop blocked for good).
+    // Runs passes until done() holds, while a helper thread applies steps() after a short while
+    // (the loop most likely blocked in select()). False when the loop spun (more passes than the
+    // budget) or stalled (out of patience; a watchdog wakes a loop blocked for good).
     bool runUntil(const std::function<bool()>& done, const std::function<void()>& steps = nullptr)
     {
         std::atomic<bool> finished{false}, timedOut{false};
@@ -114,7 +93,7 @@ protected:
         });
         int passes = 0;
         for (; !done() && !timedOut.load() && passes <= kPassBudget; ++passes)
-            loop.runOnePass(s);
+            loop.waitingPass();
         finished.store(true);
         helper.join();
         EXPECT_LE(passes, kPassBudget) << "the loop spins";
@@ -123,12 +102,11 @@ protected:
     }
 
     const char* file_ = std::getenv("FAKETIME_TIMESTAMP_FILE");
-    TestLoop loop;
-    TestLoop::PassState s;
+    DrivenLoop loop{false};
 };
 
-// What a callback or an event saw. Each count wakes the loop, so that the pass it runs in
-// returns at once and runUntil() sees the news even when no timer is left to end its select().
+// What a callback or an event saw. Each count wakes the loop, so that its pass returns at once and
+// runUntil() sees the news even when no timer is left to end the select().
 struct Seen {
     explicit Seen(ltMainLoop& l) : loop(l) {}
     void count(int& n, long long& atMonoUs)
@@ -156,8 +134,7 @@ TEST_F(WallClockStep, RelativeTimerKeepsItsMonotonicExpiry)
     const int id = loop.doAddTimer(timerPeriodic, ltTime::noTime, period, countFiring, &seen);
     ASSERT_NE(0, id);
     const ltTime armed = loop.getNextWakeupTime();
-    // Stepped before the pass and again while the loop waits for the expiry.
-    for (long long offset : {10 * kYear, -20 * kYear, 6 * kHour}) {
+    for (long long offset : {10 * kYear, -20 * kYear, 6 * kHour}) {  // before the pass, and during the wait
         step(offset);
         EXPECT_EQ(us(armed), us(loop.getNextWakeupTime())) << "offset " << offset;
     }
@@ -177,17 +154,15 @@ TEST_F(WallClockStep, AbsoluteTimeIsTurnedIntoMonotonicTimeOnceWhenAdded)
 {
     step(3 * kYear);
     Seen late(loop), soon(loop), periodic(loop), past(loop), barrier(loop);
-    const long long monoBefore = monoUs();
-    const long long wall = wallUs();
+    const long long monoBefore = monoUs(), wall = wallUs();
     const int lateId = loop.doAddTimer(timerAbsolute, fromUs(wall + kHour * kUsec), ltTime::noTime, countFiring, &late);
     ASSERT_NE(0, lateId);
     ASSERT_NE(0, loop.doAddTimer(timerAbsolute, fromUs(wall + 300000), ltTime::noTime, countFiring, &soon));
     const int periodicId = loop.doAddTimer(timerAbsolute | timerPeriodic, fromUs(wall + 200000),
                                            ltTime(0, 250000), countFiring, &periodic);
     ASSERT_NE(0, periodicId);
-    const long long monoAfter = monoUs();
     // The earliest is the periodic timer: 200 ms after the wall clock was read, in monotonic time.
-    const long long first = us(loop.getNextWakeupTime());
+    const long long monoAfter = monoUs(), first = us(loop.getNextWakeupTime());
     EXPECT_GE(first, monoBefore + 200000 - 1);
     EXPECT_LE(first, monoAfter + 200000);
 
@@ -214,13 +189,10 @@ TEST_F(WallClockStep, AbsoluteTimeIsTurnedIntoMonotonicTimeOnceWhenAdded)
     EXPECT_EQ(kLtTimeNever, loop.getNextWakeupTime().sec);
 }
 
-class CountedEvent : public ltEvent {
-public:
-    CountedEvent(unsigned key, Seen& seen) : ltEvent(key, 0, 0, 0, nullptr, 0), seen_(seen) {}
-    ~CountedEvent() override { seen_.count(seen_.destroyed, seen_.destroyedMonoUs); }
-
-private:
-    Seen& seen_;
+struct CountedEvent : ltEvent {
+    CountedEvent(unsigned key, Seen& seen) : ltEvent(key, 0, 0, 0, nullptr, 0), seen(seen) {}
+    ~CountedEvent() override { seen.count(seen.destroyed, seen.destroyedMonoUs); }
+    Seen& seen;
 };
 
 int keepEvent(ltEventQueue&, ltEvent* event, int reason, void* seen)
@@ -240,8 +212,8 @@ int countLethal(ltEventQueue&, ltEvent*, int reason, void* seen)
 
 ltEventMask* key1Is(unsigned key) { return new ltEventMask(ltEventMask::kMaskNone, 1, 4, key, 0); }
 
-// TTL and lethal timers are armed as absolute times computed from the queue's monotonic known
-// time, so their monotonic expiry is known + ttl - (wall - mono) at the moment they are armed.
+// TTL and lethal timers are absolute times computed from the queue's monotonic known time: their
+// monotonic expiry is known + ttl - (wall - mono) at the moment they are armed.
 TEST_F(WallClockStep, TtlAndLethalTimeKeepTheExpiryTheyWereArmedWith)
 {
     ltEventQueue queue(loop);
@@ -251,15 +223,15 @@ TEST_F(WallClockStep, TtlAndLethalTimeKeepTheExpiryTheyWereArmedWith)
     ASSERT_NE(0u, queue.addEventHandlerFunction(keepEvent, key1Is(1), &keep, 0,
                                                 ltEventHandler::kPersistent | ltEventHandler::kOwnsMask));
 
-    // With the wall clock of today the expiry lies decades before the monotonic now: the
-    // event expires on the next pass, before the queue could offer it.
+    // With today's wall clock the expiry lies decades before the monotonic now: the event expires
+    // on the next pass, before the queue could offer it.
     ASSERT_EQ(0, queue.post(*new CountedEvent(1, keep), 60000));
     EXPECT_LT(loop.getNextWakeupTime().sec, 0);
-    loop.runOnePass(s);
+    loop.waitingPass();
     EXPECT_EQ(std::make_tuple(1, 0), std::make_tuple(keep.destroyed, keep.offered));
 
-    // With the wall clock set about a second behind the monotonic one, they lie in the future.
-    // The wall clock minus the monotonic one, bracketed, holds until the next step.
+    // With the wall clock about a second behind the monotonic one, they lie in the future. The
+    // bracketed difference of the two clocks holds until the next step.
     stepNearMonotonic(-1);
     const long long m1 = monoUs(), w = wallUs(), m2 = monoUs();
     const ltTime known = queue.getKnownTime();
