@@ -1,9 +1,6 @@
 //===- clockstep_test.cpp - The wall clock stepped under an armed loop ----===//
-// A TV sets its wall clock from the broadcast long after boot, by hours or years either way. A
-// relative timer, a TTL or a lethal time keeps the monotonic expiry it was armed with; an absolute
-// time is made monotonic once, when added; the loop neither spins nor stalls across the step.
-// libfaketime (preloaded by CTest) steps the wall clock from FAKETIME_TIMESTAMP_FILE; without it
-// every test skips. Expiries are compared as values; no wait is timed.
+// A TV sets its wall clock from the broadcast long after boot, by years either way: armed expiries
+// stay put and the loop neither spins nor stalls. libfaketime (preloaded by CTest) steps the clock.
 #include <sys/time.h>
 #include <time.h>
 
@@ -55,8 +52,7 @@ protected:
         const long long before = wallUs();
         const bool stepped = step(kYear) && std::llabs(wallUs() - before - kYear * kUsec) < 60 * kUsec;
         if (!step(0) || !stepped)
-            GTEST_SKIP() << "libfaketime is not preloaded with FAKETIME_TIMESTAMP_FILE (CTest does so on "
-                            "native builds): the wall clock cannot be stepped";
+            GTEST_SKIP() << "no libfaketime with FAKETIME_TIMESTAMP_FILE (CTest preloads it on native builds)";
         loop.begin();
     }
     void TearDown() override { step(0); }
@@ -64,14 +60,7 @@ protected:
     bool step(long long offsetSec)
     {
         FILE* f = file_ != nullptr ? std::fopen(file_, "w") : nullptr;
-        return f != nullptr && std::fprintf(f, "%+lld\n", offsetSec) > 0 && std::fclose(f) == 0;
-    }
-
-    // Steps the wall clock so that it reads about the monotonic clock plus deltaSec.
-    void stepNearMonotonic(long long deltaSec)
-    {
-        step(0);
-        step(deltaSec - (wallUs() - monoUs()) / kUsec);
+        return f != nullptr && (std::fprintf(f, "%+lld\n", offsetSec), std::fclose(f) == 0);
     }
 
     // Runs passes until done() holds, while a helper thread applies steps() after a short while
@@ -86,10 +75,8 @@ protected:
             if (steps)
                 steps();
             for (; !finished.load(); std::this_thread::sleep_for(std::chrono::milliseconds(20)))
-                if (monoUs() > deadline) {
-                    timedOut.store(true);
-                    loop.wakeupEventLoop();
-                }
+                if (monoUs() > deadline)
+                    timedOut.store(true), loop.wakeupEventLoop();
         });
         int passes = 0;
         for (; !done() && !timedOut.load() && passes <= kPassBudget; ++passes)
@@ -105,25 +92,24 @@ protected:
     DrivenLoop loop{false};
 };
 
-// What a callback or an event saw. Each count wakes the loop, so that its pass returns at once and
-// runUntil() sees the news even when no timer is left to end the select().
+// A timer's firings, an event's deletions or a handler's lethal times, and when the last was. Each
+// wakes the loop, so runUntil() sees the news even when no timer is left to end the select().
 struct Seen {
     explicit Seen(ltMainLoop& l) : loop(l) {}
-    void count(int& n, long long& atMonoUs)
+    void count()
     {
         ++n;
         atMonoUs = monoUs();
         loop.wakeupEventLoop();
     }
     ltMainLoop& loop;
-    int fired = 0, offered = 0, lethal = 0, destroyed = 0;
-    long long firedMonoUs = 0, lethalMonoUs = 0, destroyedMonoUs = 0;
+    int n = 0, offered = 0;
+    long long atMonoUs = 0;
 };
 
 int countFiring(int, const ltTime&, void* seen)
 {
-    auto* f = static_cast<Seen*>(seen);
-    f->count(f->fired, f->firedMonoUs);
+    static_cast<Seen*>(seen)->count();
     return 0;
 }
 
@@ -138,14 +124,14 @@ TEST_F(WallClockStep, RelativeTimerKeepsItsMonotonicExpiry)
         step(offset);
         EXPECT_EQ(us(armed), us(loop.getNextWakeupTime())) << "offset " << offset;
     }
-    ASSERT_TRUE(runUntil([&] { return seen.fired == 1; }, [&] { step(-7 * kYear); }));
-    EXPECT_GE(seen.firedMonoUs, us(armed));
+    ASSERT_TRUE(runUntil([&] { return seen.n == 1; }, [&] { step(-7 * kYear); }));
+    EXPECT_GE(seen.atMonoUs, us(armed));
     // Re-armed from the monotonic time of the firing pass, whatever the wall clock says.
     const ltTime rearmed = loop.getNextWakeupTime();
     EXPECT_GE(us(rearmed), us(armed) + us(period));
-    EXPECT_LE(us(rearmed), seen.firedMonoUs + us(period));
-    ASSERT_TRUE(runUntil([&] { return seen.fired == 2; }, [&] { step(25 * kYear); }));
-    EXPECT_GE(seen.firedMonoUs, us(rearmed));
+    EXPECT_LE(us(rearmed), seen.atMonoUs + us(period));
+    ASSERT_TRUE(runUntil([&] { return seen.n == 2; }, [&] { step(25 * kYear); }));
+    EXPECT_GE(seen.atMonoUs, us(rearmed));
     loop.removeTimer(id);
     EXPECT_EQ(kLtTimeNever, loop.getNextWakeupTime().sec);
 }
@@ -170,19 +156,19 @@ TEST_F(WallClockStep, AbsoluteTimeIsTurnedIntoMonotonicTimeOnceWhenAdded)
     // time far future. Neither moves an armed expiry.
     step(3 * kYear + kHour + 60);
     EXPECT_EQ(first, us(loop.getNextWakeupTime()));
-    ASSERT_TRUE(runUntil([&] { return soon.fired == 1 && periodic.fired >= 2; }, [&] { step(-10 * kYear); }));
-    EXPECT_EQ(0, late.fired) << "an armed absolute timer followed the wall clock";
+    ASSERT_TRUE(runUntil([&] { return soon.n == 1 && periodic.n >= 2; }, [&] { step(-10 * kYear); }));
+    EXPECT_EQ(0, late.n) << "an armed absolute timer followed the wall clock";
 
     // Added after the step, a wall-clock time one day past is due at once and fires once.
     ASSERT_NE(0, loop.doAddTimer(timerAbsolute, fromUs(wallUs() - 24 * kHour * kUsec), ltTime::noTime,
                                  countFiring, &past));
-    ASSERT_TRUE(runUntil([&] { return past.fired == 1; }));
+    ASSERT_TRUE(runUntil([&] { return past.n == 1; }));
     loop.removeTimer(periodicId);
-    const int settled = periodic.fired;
+    const int settled = periodic.n;
     // Passes after another timer due at once: nothing else fires again.
     ASSERT_NE(0, loop.doAddTimer(timerAbsolute, fromUs(wallUs()), ltTime::noTime, countFiring, &barrier));
-    ASSERT_TRUE(runUntil([&] { return barrier.fired == 1; }));
-    EXPECT_EQ(std::make_tuple(1, 1, settled, 0), std::make_tuple(past.fired, soon.fired, periodic.fired, late.fired));
+    ASSERT_TRUE(runUntil([&] { return barrier.n == 1; }));
+    EXPECT_EQ(std::make_tuple(1, 1, settled, 0), std::make_tuple(past.n, soon.n, periodic.n, late.n));
     // The late timer, an hour away in monotonic time, is the only one left.
     EXPECT_GT(us(loop.getNextWakeupTime()), monoUs() + (kHour - 60) * kUsec);
     loop.removeTimer(lateId);
@@ -191,23 +177,18 @@ TEST_F(WallClockStep, AbsoluteTimeIsTurnedIntoMonotonicTimeOnceWhenAdded)
 
 struct CountedEvent : ltEvent {
     CountedEvent(unsigned key, Seen& seen) : ltEvent(key, 0, 0, 0, nullptr, 0), seen(seen) {}
-    ~CountedEvent() override { seen.count(seen.destroyed, seen.destroyedMonoUs); }
+    ~CountedEvent() override { seen.count(); }
     Seen& seen;
 };
 
+// Keeps every event offered (it stays queued until its TTL removes it); counts lethal times.
 int keepEvent(ltEventQueue&, ltEvent* event, int reason, void* seen)
 {
-    if (reason == ltEventHandler::kReasonEvent && event != nullptr)
-        ++static_cast<Seen*>(seen)->offered;
-    return 0;  // kept: it stays queued until its TTL removes it
-}
-
-int countLethal(ltEventQueue&, ltEvent*, int reason, void* seen)
-{
-    auto* f = static_cast<Seen*>(seen);
     if (reason == ltEventHandler::kReasonLethalTime)
-        f->count(f->lethal, f->lethalMonoUs);
-    return 1;
+        static_cast<Seen*>(seen)->count();
+    else if (event != nullptr)
+        ++static_cast<Seen*>(seen)->offered;
+    return reason == ltEventHandler::kReasonLethalTime ? 1 : 0;
 }
 
 ltEventMask* key1Is(unsigned key) { return new ltEventMask(ltEventMask::kMaskNone, 1, 4, key, 0); }
@@ -228,11 +209,12 @@ TEST_F(WallClockStep, TtlAndLethalTimeKeepTheExpiryTheyWereArmedWith)
     ASSERT_EQ(0, queue.post(*new CountedEvent(1, keep), 60000));
     EXPECT_LT(loop.getNextWakeupTime().sec, 0);
     loop.waitingPass();
-    EXPECT_EQ(std::make_tuple(1, 0), std::make_tuple(keep.destroyed, keep.offered));
+    EXPECT_EQ(std::make_tuple(1, 0), std::make_tuple(keep.n, keep.offered));
 
     // With the wall clock about a second behind the monotonic one, they lie in the future. The
     // bracketed difference of the two clocks holds until the next step.
-    stepNearMonotonic(-1);
+    step(0);
+    step(-1 - (wallUs() - monoUs()) / kUsec);
     const long long m1 = monoUs(), w = wallUs(), m2 = monoUs();
     const ltTime known = queue.getKnownTime();
     const long long beforePost = monoUs();
@@ -243,7 +225,7 @@ TEST_F(WallClockStep, TtlAndLethalTimeKeepTheExpiryTheyWereArmedWith)
     EXPECT_GE(us(loop.getNextWakeupTime()), ttlLow - 1);
     EXPECT_LE(us(loop.getNextWakeupTime()), ttlHigh + 1);
     const unsigned long long lethalId =
-        queue.addEventHandlerFunction(countLethal, key1Is(2), &lethal, 800, ltEventHandler::kOwnsMask);
+        queue.addEventHandlerFunction(keepEvent, key1Is(2), &lethal, 800, ltEventHandler::kOwnsMask);
     ASSERT_NE(0u, lethalId);
     const long long lethalLow = us(queue.getKnownTime()) + 800000 - (w - m1);
     const ltTime armed = loop.getNextWakeupTime();
@@ -251,10 +233,10 @@ TEST_F(WallClockStep, TtlAndLethalTimeKeepTheExpiryTheyWereArmedWith)
     for (long long offset : {7 * kYear, -25 * kYear, -5 * kHour})
         step(offset);
     EXPECT_EQ(us(armed), us(loop.getNextWakeupTime()));
-    ASSERT_TRUE(runUntil([&] { return keep.destroyed == 2 && lethal.lethal == 1; }, [&] { step(11 * kYear); }));
+    ASSERT_TRUE(runUntil([&] { return keep.n == 2 && lethal.n == 1; }, [&] { step(11 * kYear); }));
     EXPECT_EQ(1, keep.offered);  // offered once, kept, expired
-    EXPECT_GE(keep.destroyedMonoUs, ttlLow);
-    EXPECT_GE(lethal.lethalMonoUs, lethalLow);
+    EXPECT_GE(keep.atMonoUs, ttlLow);
+    EXPECT_GE(lethal.atMonoUs, lethalLow);
     EXPECT_EQ(0, queue.removeEventHandlers(lethalId, 0, nullptr, true));  // dropped after its lethal time
     EXPECT_EQ(kLtTimeNever, loop.getNextWakeupTime().sec);
     EXPECT_EQ(1, queue.removeEventHandlers(0, 0, nullptr, true));

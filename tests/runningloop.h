@@ -16,8 +16,7 @@ public:
         thread_ = std::thread([this] {
             loopThread_.store(std::this_thread::get_id());  // before any callback: thread_ may not be set yet
             PassState s;
-            beginExec(s);
-            while (!stopping_.load())
+            for (beginExec(s); !stopping_.load();)
                 runOnePass(s);
         });
     }

@@ -49,15 +49,11 @@ RunningLoop* theLoop = nullptr;
 
 void checkLoopThread() { wrongThread.fetch_add(theLoop->onLoopThread() ? 0 : 1); }
 
-// Knows what became of it: delivered (and kept or not by the last handler that saw it), then
-// deleted by the queue once. A second deletion or a stray write shows in the magic word.
+// Delivered (kept or not), then deleted by the queue once: a second deletion shows in the magic word.
 struct SoakEvent : ltEvent {
     static constexpr unsigned kAlive = 0x50A4E7E7u, kDead = 0xDEADE7E7u;
 
-    SoakEvent(unsigned poster, unsigned seq, bool ttl) : ltEvent(poster, seq, ttl ? 1 : 0, 0, nullptr, 0)
-    {
-        constructedEvents.fetch_add(1);
-    }
+    SoakEvent(unsigned p, unsigned seq, bool ttl) : ltEvent(p, seq, ttl, 0, nullptr, 0) { constructedEvents++; }
     ~SoakEvent() override
     {
         brokenEvents.fetch_add(magic != kAlive ? 1 : 0);
@@ -74,16 +70,12 @@ struct SoakEvent : ltEvent {
     unsigned magic = kAlive;
 };
 
-// The counter (first) counts each offer; the keeper (TTL events, last) keeps them until their TTL
-// removes them; transient handlers stop some events and pass others on.
+// The counter (first) counts offers, the keeper (TTL events, last) keeps them; transients stop some.
 enum Role { kCounter, kKeeper, kTransient };
 
 struct SoakHandler : ltCallbackEventHandler {
     SoakHandler(ltEventMask* mask, int flags, Role role, ltTime* lethal = nullptr)
-        : ltCallbackEventHandler(mask, this, lethal, flags | kOwnsMask, handle), role(role)
-    {
-        handlersAlive.fetch_add(1);
-    }
+        : ltCallbackEventHandler(mask, this, lethal, flags | kOwnsMask, handle), role(role) { handlersAlive++; }
     ~SoakHandler() override
     {
         calledTwice.fetch_add(calls > 1 && (flags & kPersistent) == 0 ? 1 : 0);  // its first call is its last
@@ -97,17 +89,11 @@ struct SoakHandler : ltCallbackEventHandler {
         h->calls += 1;
         if (reason == ltEventHandler::kReasonLethalTime)
             return 1;
-        switch (h->role) {
-        case kCounter:
-            event->delivered += 1;
-            event->kept = false;  // the handlers of this offer decide
-            return 1;
-        case kKeeper:
-            event->kept = true;
-            return 0;
-        default:
+        event->delivered += h->role == kCounter ? 1 : 0;
+        event->kept = h->role == kKeeper;  // the counter, first, starts each offer unkept; the keeper is last
+        if (h->role == kTransient)
             return e->key2 % 3 == 0 ? -1 : 1;
-        }
+        return h->role == kKeeper ? 0 : 1;
     }
 
     const Role role;
@@ -135,7 +121,7 @@ int timerFired(int, const ltTime&, void* counter)
 struct Manager {
     explicit Manager(ltEventQueue* q) : queue(q) {}
     ltEventQueue* queue;
-    int r[kPipes], w[kPipes], pipeHandle[kPipes] = {};  // pipes the posters write into
+    int pipes[kPipes][2], pipeHandle[kPipes] = {};  // the posters write into them
     std::minstd_rand random{42};
     std::deque<unsigned long long> persistent;  // ids of persistent transient handlers
     std::vector<SoakHandler*> notOwned;          // handlers the queue never deletes
@@ -163,7 +149,7 @@ struct Manager {
         // A read handle removed and added again: the descriptor sets are rebuilt.
         const int p = static_cast<int>(tick % kPipes);
         theLoop->removeIOHandle(pipeHandle[p]);
-        pipeHandle[p] = theLoop->doAddIOHandle(handleRead, handleNoFlags, r[p], drainPipe, nullptr);
+        pipeHandle[p] = theLoop->doAddIOHandle(handleRead, handleNoFlags, pipes[p][0], drainPipe, nullptr);
     }
 
     ltEventMask* someEvents() { return new ltEventMask(ltEventMask::kMaskNone, 2, 7, 1u << (random() % 16), 0); }
@@ -215,7 +201,7 @@ void poster(int p, ltEventQueue& queue, const Manager& manager, const std::atomi
             periodic.push_back(id);
         for (; periodic.size() > 3; periodic.pop_front())
             theLoop->removeTimer(periodic.front());
-        if (write(manager.w[p % kPipes], "s", 1) == 1)
+        if (write(manager.pipes[p % kPipes][1], "s", 1) == 1)
             bytesWritten.fetch_add(1);
     }
     for (int id : periodic)
@@ -229,12 +215,10 @@ long residentKiB()
     return resident * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
-// Heap in use grows when something keeps memory it no longer needs; resident memory also moves
-// with the allocator's caches.
-long heapKiB()
+long heapKiB()  // unlike resident memory, it does not move with the allocator's caches
 {
-    return static_cast<long>((__sanitizer_get_current_allocated_bytes != nullptr ? __sanitizer_get_current_allocated_bytes()
-                                                                                 : mallinfo2().uordblks) / 1024);
+    auto asan = __sanitizer_get_current_allocated_bytes;
+    return static_cast<long>((asan != nullptr ? asan() : mallinfo2().uordblks) / 1024);
 }
 
 }  // namespace
@@ -256,24 +240,25 @@ int main(int argc, char** argv)
     auto queue = std::make_unique<ltEventQueue>(loop);
     const int member = loop.registerMainLoopMember(*queue);
     Manager manager{queue.get()};
-    for (int i = 0; i < kPipes; ++i) {
-        int fds[2];
+    for (auto& fds : manager.pipes)
         if (pipe2(fds, O_NONBLOCK) != 0) {
             std::perror("pipe2");
             return 2;
         }
-        manager.r[i] = fds[0];
-        manager.w[i] = fds[1];
-    }
     // The counter first, the keeper last: the keeper's 0 decides for TTL events.
     queue->addEventHandler(100, new SoakHandler(new ltEventMask(ltEventMask::kMaskNone, 0), ltEventHandler::kPersistent,
                                                 kCounter));
     queue->addEventHandler(-100, new SoakHandler(new ltEventMask(ltEventMask::kMaskNone, 3, 4, 1, 0),
                                                  ltEventHandler::kPersistent, kKeeper));
-    const int managerTimer = loop.doAddTimer(timerPeriodic, ltTime::noTime, ltTime(0, 10000),
-                                             [](int, const ltTime&, void* m) { return static_cast<Manager*>(m)->run(), 0; },
-                                             &manager);
+    const int managerTimer = loop.doAddTimer(
+        timerPeriodic, ltTime::noTime, ltTime(0, 10000),
+        [](int, const ltTime&, void* m) { return static_cast<Manager*>(m)->run(), 0; }, &manager);
     loop.start();
+    int failures = 0;
+    auto check = [&failures](bool ok, const char* what) {
+        std::printf("  %-50s %s\n", what, ok ? "ok" : "FAILED");
+        failures += ok ? 0 : 1;
+    };
 
     std::atomic<bool> stop{false};
     std::vector<std::thread> posters;
@@ -287,14 +272,15 @@ int main(int argc, char** argv)
     for (std::thread& t : posters)
         t.join();
 
-    // Everything in flight comes to its end while the loop still runs.
-    const std::chrono::seconds patience(60);
-    const bool drained = waitFor([] { return destroyedEvents.load() == constructedEvents.load(); }, patience);
-    const bool timersSettled = waitFor([] { return oneShotsFired.load() == oneShotsAdded.load(); }, patience);
-    const bool bytesSettled = waitFor([] { return bytesRead.load() == bytesWritten.load(); }, patience);
+    auto settle = [](Count& a, Count& b) {  // everything in flight comes to its end while the loop still runs
+        return waitFor([&] { return a.load() == b.load(); }, std::chrono::seconds(60));
+    };
+    check(settle(destroyedEvents, constructedEvents), "every event came to its end");
+    check(settle(oneShotsFired, oneShotsAdded), "every one-shot timer fired once");
+    check(settle(bytesRead, bytesWritten), "every byte written into a pipe was read");
     // Drained, the queue's vectors hold no more than twice what its limit of events needs.
-    const bool queueGrew = lfcUtilMallocUsed - mallocAtStart >
-                           2 * (queue->getMaxQueueSize() + 1) * static_cast<int32_t>(sizeof(ltEvent*));
+    check(lfcUtilMallocUsed - mallocAtStart <= 2 * (queue->getMaxQueueSize() + 1) * int32_t(sizeof(ltEvent*)),
+          "the drained queue's vectors within its limit");
     const long rssAtEnd = residentKiB(), heapAtEnd = heapKiB();
     loop.stop();
 
@@ -303,12 +289,21 @@ int main(int argc, char** argv)
     queue->removeEventHandlers(0, 0, nullptr, true);
     for (int i = 0; i < kPipes; ++i) {
         loop.removeIOHandle(manager.pipeHandle[i]);
-        close(manager.r[i]);
-        close(manager.w[i]);
+        close(manager.pipes[i][0]);
+        close(manager.pipes[i][1]);
     }
     loop.unregisterMainLoopMember(member, *queue);
     queue.reset();
-    const int32_t mallocAtEnd = lfcUtilMallocUsed;  // the queue and its vectors are gone
+    check(lfcUtilMallocUsed == mallocAtStart, "lfcUtilMallocUsed back at its start value");
+    check(brokenEvents.load() == 0, "no event deleted twice or overwritten");
+    check(refused.load() == 0, "no post refused but for a full queue");
+    check(destroyedEvents.load() == posted.load() + gaveUp.load() + refused.load(), "every event deleted exactly once");
+    check(dispatchedDeleted.load() + expiredDeleted.load() == posted.load(), "each posted event dispatched or expired");
+    check(dispatchedDeleted.load() > 0 && expiredDeleted.load() > 0, "both ends taken");
+    check(offeredNotOnce.load() == 0, "every event without a TTL offered exactly once");
+    check(handlersAlive.load() == 0, "no handler left");
+    check(calledTwice.load() == 0, "no one-shot handler called twice");
+    check(wrongThread.load() == 0, "callbacks and handlers ran on the loop thread only");
     long tolerance = std::max(rssAfterWarmUp / 10, 8192L);
 #if defined(__SANITIZE_ADDRESS__)
     // ASan's bookkeeping grows by up to 0.2 bytes per event posted (falling back later) while the heap
@@ -317,32 +312,8 @@ int main(int argc, char** argv)
 #endif
     std::printf("soak: %lld events posted; resident KiB %ld -> %ld (+%ld allowed); heap KiB %ld -> %ld\n",
                 posted.load(), rssAfterWarmUp, rssAtEnd, tolerance, heapAfterWarmUp, heapAtEnd);
-    const struct {
-        bool ok;
-        const char* what;
-    } checks[] = {
-        {drained, "every event came to its end"},
-        {brokenEvents.load() == 0, "no event deleted twice or overwritten"},
-        {refused.load() == 0, "no post refused but for a full queue"},
-        {destroyedEvents.load() == posted.load() + gaveUp.load() + refused.load(), "every event deleted exactly once"},
-        {dispatchedDeleted.load() + expiredDeleted.load() == posted.load(), "every posted event dispatched or expired"},
-        {dispatchedDeleted.load() > 0 && expiredDeleted.load() > 0, "both ends taken"},
-        {offeredNotOnce.load() == 0, "every event without a TTL offered exactly once"},
-        {timersSettled, "every one-shot timer fired once"},
-        {bytesSettled, "every byte written into a pipe was read"},
-        {handlersAlive.load() == 0, "no handler left"},
-        {calledTwice.load() == 0, "no one-shot handler called twice"},
-        {wrongThread.load() == 0, "callbacks and handlers ran on the loop thread only"},
-        {!queueGrew, "the drained queue's vectors within its limit"},
-        {mallocAtEnd == mallocAtStart, "lfcUtilMallocUsed back at its start value"},
-        {rssAtEnd <= rssAfterWarmUp + tolerance, "resident memory did not grow after the warm-up"},
-        // Drained at the end, so below what was in flight after the warm-up, give or take 1 MiB.
-        {heapAtEnd <= heapAfterWarmUp + 1024, "heap in use did not grow after the warm-up"},
-    };
-    int failures = 0;
-    for (const auto& c : checks) {
-        std::printf("  %-50s %s\n", c.what, c.ok ? "ok" : "FAILED");
-        failures += c.ok ? 0 : 1;
-    }
+    check(rssAtEnd <= rssAfterWarmUp + tolerance, "resident memory did not grow after the warm-up");
+    // Drained at the end, so below what was in flight after the warm-up, give or take 1 MiB.
+    check(heapAtEnd <= heapAfterWarmUp + 1024, "heap in use did not grow after the warm-up");
     return failures == 0 ? 0 : 1;
 }

@@ -105,7 +105,6 @@ TEST_F(LoopStress, DescriptorsAddedAndRemovedFromEightThreadsAreEachDispatched)
 TEST_F(LoopStress, TimersAddedAndRemovedFromEightThreadsFireAndStopFiring)
 {
     const int rounds = 1000 / kScale;
-    std::atomic<int> refused{0};
     onEightThreads([&](int t, Counts& c) {
         std::minstd_rand random(static_cast<unsigned>(t) + 1);
         std::vector<int> periodic;
@@ -113,9 +112,9 @@ TEST_F(LoopStress, TimersAddedAndRemovedFromEightThreadsFireAndStopFiring)
             lost.fetch_add(barrier(c) ? 0 : 1);  // a due timer wakes the loop, in select() or not
             // Short periodic timers come and go, some removed before they could fire. Each id is
             // removed once only: a stale id could name another thread's new timer.
-            const int id = loop.doAddTimer(timerPeriodic, ltTime::noTime,
-                                           ltTime(0, 1000 + static_cast<int>(random() % 5000)), countFiring, &c.periodic);
-            refused.fetch_add(id == 0 ? 1 : 0);
+            const ltTime period(0, 1000 + static_cast<int>(random() % 5000));
+            const int id = loop.doAddTimer(timerPeriodic, ltTime::noTime, period, countFiring, &c.periodic);
+            EXPECT_NE(0, id);
             if (id != 0)
                 random() % 2 == 0 ? loop.removeTimer(id) : periodic.push_back(id);
             for (; periodic.size() > 4; periodic.erase(periodic.begin()))
@@ -131,7 +130,6 @@ TEST_F(LoopStress, TimersAddedAndRemovedFromEightThreadsFireAndStopFiring)
         lost.fetch_add(barrier(c) && barrier(c) ? 0 : 1);
         EXPECT_EQ(settled, c.periodic.load()) << "a removed timer fired";
     });
-    EXPECT_EQ(0, refused.load());
     for (const Counts& c : counts)
         EXPECT_EQ(rounds + 3, c.oneShots.load());  // every one-shot timer fired exactly once
 }
