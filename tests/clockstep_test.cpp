@@ -1,18 +1,6 @@
 //===- clockstep_test.cpp - The wall clock stepped under an armed loop ----===//
-//
-// A TV sets its wall clock from the broadcast stream long after it has booted, by hours or by
-// years, forward or back. The loop measures every expiry in the monotonic clock: a relative
-// timer, a TTL or a lethal time keeps the expiry it was armed with, an absolute time is turned
-// into monotonic time once, when it is added, and the loop neither spins nor stalls across the
-// step.
-//
-// The wall clock is stepped with libfaketime, which CTest preloads (after the sanitizer
-// runtime, which must come first) and which reads its offset from FAKETIME_TIMESTAMP_FILE on
-// every call; the monotonic clock stays real (FAKETIME_DONT_FAKE_MONOTONIC). Run without the
-// preload, every test skips. Expiries are compared as values; nothing asserts how long a wait
-// took.
-//
-//===----------------------------------------------------------------------===//
+// A TV sets its wall clock from the broadcast long after boot, by years either way: armed expiries
+// stay put and the loop neither spins nor stalls. libfaketime (preloaded by CTest) steps the clock.
 #include <sys/time.h>
 #include <time.h>
 
@@ -26,15 +14,17 @@
 
 #include <gtest/gtest.h>
 
+#include "drivenloop.h"
 #include "ltcallbackeventhandler.h"
 #include "ltevent.h"
 #include "lteventmask.h"
 #include "lteventqueue.h"
-#include "ltlinuxselectmainloop.h"
 
 namespace {
 
 constexpr long long kUsec = 1000000, kHour = 3600, kYear = 365 * 24 * kHour;
+constexpr int kPassBudget = 60;               // a few passes per wait; a spinning loop runs thousands
+constexpr long long kPatienceUs = 8 * kUsec;  // far beyond every expiry armed here
 
 long long monoUs()
 {
@@ -53,17 +43,7 @@ long long wallUs()
 long long us(const ltTime& t) { return t.sec * kUsec + t.usec; }
 ltTime fromUs(long long v) { return ltTime(static_cast<int32_t>(v / kUsec), static_cast<int32_t>(v % kUsec)); }
 
-struct TestLoop : ltLinuxSelectMainLoop {
-    using ltLinuxSelectMainLoop::beginExec;
-    using ltLinuxSelectMainLoop::runOnePass;
-    using PassState = ltLinuxSelectMainLoop::PassState;
-};
-
-constexpr int kPassBudget = 60;               // a few passes per wait; a spinning loop runs thousands
-constexpr long long kPatienceUs = 8 * kUsec;  // far beyond every expiry these tests arm
-
-// A loop driven pass by pass under a wall clock that the test steps: real time plus the offset
-// written into libfaketime's file.
+// A loop driven pass by pass under a wall clock of real time plus the offset in libfaketime's file.
 class WallClockStep : public ::testing::Test {
 protected:
     void SetUp() override
@@ -72,32 +52,20 @@ protected:
         const long long before = wallUs();
         const bool stepped = step(kYear) && std::llabs(wallUs() - before - kYear * kUsec) < 60 * kUsec;
         if (!step(0) || !stepped)
-            GTEST_SKIP() << "libfaketime is not preloaded with FAKETIME_TIMESTAMP_FILE (CTest does so on "
-                            "native builds): the wall clock cannot be stepped";
-        loop.beginExec(s);
+            GTEST_SKIP() << "no libfaketime with FAKETIME_TIMESTAMP_FILE (CTest preloads it on native builds)";
+        loop.begin();
     }
     void TearDown() override { step(0); }
 
     bool step(long long offsetSec)
     {
         FILE* f = file_ != nullptr ? std::fopen(file_, "w") : nullptr;
-        if (f == nullptr)
-            return false;
-        std::fprintf(f, "%+lld\n", offsetSec);
-        return std::fclose(f) == 0;
+        return f != nullptr && (std::fprintf(f, "%+lld\n", offsetSec), std::fclose(f) == 0);
     }
 
-    // Steps the wall clock so that it reads about the monotonic clock plus deltaSec.
-    void stepNearMonotonic(long long deltaSec)
-    {
-        step(0);
-        step(deltaSec - (wallUs() - monoUs()) / kUsec);
-    }
-
-    // Runs passes until done() holds, while a helper thread applies steps() to the wall clock
-    // after a short while (with the loop most likely blocked in select()). False when the loop
-    // spun (more passes than the budget) or stalled (the monotonic patience ran out; a watchdog
-    // wakes a loop blocked for good).
+    // Runs passes until done() holds, while a helper thread applies steps() after a short while
+    // (the loop most likely blocked in select()). False when the loop spun (more passes than the
+    // budget) or stalled (out of patience; a watchdog wakes a loop blocked for good).
     bool runUntil(const std::function<bool()>& done, const std::function<void()>& steps = nullptr)
     {
         std::atomic<bool> finished{false}, timedOut{false};
@@ -107,14 +75,12 @@ protected:
             if (steps)
                 steps();
             for (; !finished.load(); std::this_thread::sleep_for(std::chrono::milliseconds(20)))
-                if (monoUs() > deadline) {
-                    timedOut.store(true);
-                    loop.wakeupEventLoop();
-                }
+                if (monoUs() > deadline)
+                    timedOut.store(true), loop.wakeupEventLoop();
         });
         int passes = 0;
         for (; !done() && !timedOut.load() && passes <= kPassBudget; ++passes)
-            loop.runOnePass(s);
+            loop.waitingPass();
         finished.store(true);
         helper.join();
         EXPECT_LE(passes, kPassBudget) << "the loop spins";
@@ -123,29 +89,27 @@ protected:
     }
 
     const char* file_ = std::getenv("FAKETIME_TIMESTAMP_FILE");
-    TestLoop loop;
-    TestLoop::PassState s;
+    DrivenLoop loop{false};
 };
 
-// What a callback or an event saw. Each count wakes the loop, so that the pass it runs in
-// returns at once and runUntil() sees the news even when no timer is left to end its select().
+// A timer's firings, an event's deletions or a handler's lethal times, and when the last was. Each
+// wakes the loop, so runUntil() sees the news even when no timer is left to end the select().
 struct Seen {
     explicit Seen(ltMainLoop& l) : loop(l) {}
-    void count(int& n, long long& atMonoUs)
+    void count()
     {
         ++n;
         atMonoUs = monoUs();
         loop.wakeupEventLoop();
     }
     ltMainLoop& loop;
-    int fired = 0, offered = 0, lethal = 0, destroyed = 0;
-    long long firedMonoUs = 0, lethalMonoUs = 0, destroyedMonoUs = 0;
+    int n = 0, offered = 0;
+    long long atMonoUs = 0;
 };
 
 int countFiring(int, const ltTime&, void* seen)
 {
-    auto* f = static_cast<Seen*>(seen);
-    f->count(f->fired, f->firedMonoUs);
+    static_cast<Seen*>(seen)->count();
     return 0;
 }
 
@@ -156,19 +120,18 @@ TEST_F(WallClockStep, RelativeTimerKeepsItsMonotonicExpiry)
     const int id = loop.doAddTimer(timerPeriodic, ltTime::noTime, period, countFiring, &seen);
     ASSERT_NE(0, id);
     const ltTime armed = loop.getNextWakeupTime();
-    // Stepped before the pass and again while the loop waits for the expiry.
-    for (long long offset : {10 * kYear, -20 * kYear, 6 * kHour}) {
+    for (long long offset : {10 * kYear, -20 * kYear, 6 * kHour}) {  // before the pass, and during the wait
         step(offset);
         EXPECT_EQ(us(armed), us(loop.getNextWakeupTime())) << "offset " << offset;
     }
-    ASSERT_TRUE(runUntil([&] { return seen.fired == 1; }, [&] { step(-7 * kYear); }));
-    EXPECT_GE(seen.firedMonoUs, us(armed));
+    ASSERT_TRUE(runUntil([&] { return seen.n == 1; }, [&] { step(-7 * kYear); }));
+    EXPECT_GE(seen.atMonoUs, us(armed));
     // Re-armed from the monotonic time of the firing pass, whatever the wall clock says.
     const ltTime rearmed = loop.getNextWakeupTime();
     EXPECT_GE(us(rearmed), us(armed) + us(period));
-    EXPECT_LE(us(rearmed), seen.firedMonoUs + us(period));
-    ASSERT_TRUE(runUntil([&] { return seen.fired == 2; }, [&] { step(25 * kYear); }));
-    EXPECT_GE(seen.firedMonoUs, us(rearmed));
+    EXPECT_LE(us(rearmed), seen.atMonoUs + us(period));
+    ASSERT_TRUE(runUntil([&] { return seen.n == 2; }, [&] { step(25 * kYear); }));
+    EXPECT_GE(seen.atMonoUs, us(rearmed));
     loop.removeTimer(id);
     EXPECT_EQ(kLtTimeNever, loop.getNextWakeupTime().sec);
 }
@@ -177,17 +140,15 @@ TEST_F(WallClockStep, AbsoluteTimeIsTurnedIntoMonotonicTimeOnceWhenAdded)
 {
     step(3 * kYear);
     Seen late(loop), soon(loop), periodic(loop), past(loop), barrier(loop);
-    const long long monoBefore = monoUs();
-    const long long wall = wallUs();
+    const long long monoBefore = monoUs(), wall = wallUs();
     const int lateId = loop.doAddTimer(timerAbsolute, fromUs(wall + kHour * kUsec), ltTime::noTime, countFiring, &late);
     ASSERT_NE(0, lateId);
     ASSERT_NE(0, loop.doAddTimer(timerAbsolute, fromUs(wall + 300000), ltTime::noTime, countFiring, &soon));
     const int periodicId = loop.doAddTimer(timerAbsolute | timerPeriodic, fromUs(wall + 200000),
                                            ltTime(0, 250000), countFiring, &periodic);
     ASSERT_NE(0, periodicId);
-    const long long monoAfter = monoUs();
     // The earliest is the periodic timer: 200 ms after the wall clock was read, in monotonic time.
-    const long long first = us(loop.getNextWakeupTime());
+    const long long monoAfter = monoUs(), first = us(loop.getNextWakeupTime());
     EXPECT_GE(first, monoBefore + 200000 - 1);
     EXPECT_LE(first, monoAfter + 200000);
 
@@ -195,53 +156,45 @@ TEST_F(WallClockStep, AbsoluteTimeIsTurnedIntoMonotonicTimeOnceWhenAdded)
     // time far future. Neither moves an armed expiry.
     step(3 * kYear + kHour + 60);
     EXPECT_EQ(first, us(loop.getNextWakeupTime()));
-    ASSERT_TRUE(runUntil([&] { return soon.fired == 1 && periodic.fired >= 2; }, [&] { step(-10 * kYear); }));
-    EXPECT_EQ(0, late.fired) << "an armed absolute timer followed the wall clock";
+    ASSERT_TRUE(runUntil([&] { return soon.n == 1 && periodic.n >= 2; }, [&] { step(-10 * kYear); }));
+    EXPECT_EQ(0, late.n) << "an armed absolute timer followed the wall clock";
 
     // Added after the step, a wall-clock time one day past is due at once and fires once.
     ASSERT_NE(0, loop.doAddTimer(timerAbsolute, fromUs(wallUs() - 24 * kHour * kUsec), ltTime::noTime,
                                  countFiring, &past));
-    ASSERT_TRUE(runUntil([&] { return past.fired == 1; }));
+    ASSERT_TRUE(runUntil([&] { return past.n == 1; }));
     loop.removeTimer(periodicId);
-    const int settled = periodic.fired;
+    const int settled = periodic.n;
     // Passes after another timer due at once: nothing else fires again.
     ASSERT_NE(0, loop.doAddTimer(timerAbsolute, fromUs(wallUs()), ltTime::noTime, countFiring, &barrier));
-    ASSERT_TRUE(runUntil([&] { return barrier.fired == 1; }));
-    EXPECT_EQ(std::make_tuple(1, 1, settled, 0), std::make_tuple(past.fired, soon.fired, periodic.fired, late.fired));
+    ASSERT_TRUE(runUntil([&] { return barrier.n == 1; }));
+    EXPECT_EQ(std::make_tuple(1, 1, settled, 0), std::make_tuple(past.n, soon.n, periodic.n, late.n));
     // The late timer, an hour away in monotonic time, is the only one left.
     EXPECT_GT(us(loop.getNextWakeupTime()), monoUs() + (kHour - 60) * kUsec);
     loop.removeTimer(lateId);
     EXPECT_EQ(kLtTimeNever, loop.getNextWakeupTime().sec);
 }
 
-class CountedEvent : public ltEvent {
-public:
-    CountedEvent(unsigned key, Seen& seen) : ltEvent(key, 0, 0, 0, nullptr, 0), seen_(seen) {}
-    ~CountedEvent() override { seen_.count(seen_.destroyed, seen_.destroyedMonoUs); }
-
-private:
-    Seen& seen_;
+struct CountedEvent : ltEvent {
+    CountedEvent(unsigned key, Seen& seen) : ltEvent(key, 0, 0, 0, nullptr, 0), seen(seen) {}
+    ~CountedEvent() override { seen.count(); }
+    Seen& seen;
 };
 
+// Keeps every event offered (it stays queued until its TTL removes it); counts lethal times.
 int keepEvent(ltEventQueue&, ltEvent* event, int reason, void* seen)
 {
-    if (reason == ltEventHandler::kReasonEvent && event != nullptr)
-        ++static_cast<Seen*>(seen)->offered;
-    return 0;  // kept: it stays queued until its TTL removes it
-}
-
-int countLethal(ltEventQueue&, ltEvent*, int reason, void* seen)
-{
-    auto* f = static_cast<Seen*>(seen);
     if (reason == ltEventHandler::kReasonLethalTime)
-        f->count(f->lethal, f->lethalMonoUs);
-    return 1;
+        static_cast<Seen*>(seen)->count();
+    else if (event != nullptr)
+        ++static_cast<Seen*>(seen)->offered;
+    return reason == ltEventHandler::kReasonLethalTime ? 1 : 0;
 }
 
 ltEventMask* key1Is(unsigned key) { return new ltEventMask(ltEventMask::kMaskNone, 1, 4, key, 0); }
 
-// TTL and lethal timers are armed as absolute times computed from the queue's monotonic known
-// time, so their monotonic expiry is known + ttl - (wall - mono) at the moment they are armed.
+// TTL and lethal timers are absolute times computed from the queue's monotonic known time: their
+// monotonic expiry is known + ttl - (wall - mono) at the moment they are armed.
 TEST_F(WallClockStep, TtlAndLethalTimeKeepTheExpiryTheyWereArmedWith)
 {
     ltEventQueue queue(loop);
@@ -251,16 +204,17 @@ TEST_F(WallClockStep, TtlAndLethalTimeKeepTheExpiryTheyWereArmedWith)
     ASSERT_NE(0u, queue.addEventHandlerFunction(keepEvent, key1Is(1), &keep, 0,
                                                 ltEventHandler::kPersistent | ltEventHandler::kOwnsMask));
 
-    // With the wall clock of today the expiry lies decades before the monotonic now: the
-    // event expires on the next pass, before the queue could offer it.
+    // With today's wall clock the expiry lies decades before the monotonic now: the event expires
+    // on the next pass, before the queue could offer it.
     ASSERT_EQ(0, queue.post(*new CountedEvent(1, keep), 60000));
     EXPECT_LT(loop.getNextWakeupTime().sec, 0);
-    loop.runOnePass(s);
-    EXPECT_EQ(std::make_tuple(1, 0), std::make_tuple(keep.destroyed, keep.offered));
+    loop.waitingPass();
+    EXPECT_EQ(std::make_tuple(1, 0), std::make_tuple(keep.n, keep.offered));
 
-    // With the wall clock set about a second behind the monotonic one, they lie in the future.
-    // The wall clock minus the monotonic one, bracketed, holds until the next step.
-    stepNearMonotonic(-1);
+    // With the wall clock about a second behind the monotonic one, they lie in the future. The
+    // bracketed difference of the two clocks holds until the next step.
+    step(0);
+    step(-1 - (wallUs() - monoUs()) / kUsec);
     const long long m1 = monoUs(), w = wallUs(), m2 = monoUs();
     const ltTime known = queue.getKnownTime();
     const long long beforePost = monoUs();
@@ -271,7 +225,7 @@ TEST_F(WallClockStep, TtlAndLethalTimeKeepTheExpiryTheyWereArmedWith)
     EXPECT_GE(us(loop.getNextWakeupTime()), ttlLow - 1);
     EXPECT_LE(us(loop.getNextWakeupTime()), ttlHigh + 1);
     const unsigned long long lethalId =
-        queue.addEventHandlerFunction(countLethal, key1Is(2), &lethal, 800, ltEventHandler::kOwnsMask);
+        queue.addEventHandlerFunction(keepEvent, key1Is(2), &lethal, 800, ltEventHandler::kOwnsMask);
     ASSERT_NE(0u, lethalId);
     const long long lethalLow = us(queue.getKnownTime()) + 800000 - (w - m1);
     const ltTime armed = loop.getNextWakeupTime();
@@ -279,10 +233,10 @@ TEST_F(WallClockStep, TtlAndLethalTimeKeepTheExpiryTheyWereArmedWith)
     for (long long offset : {7 * kYear, -25 * kYear, -5 * kHour})
         step(offset);
     EXPECT_EQ(us(armed), us(loop.getNextWakeupTime()));
-    ASSERT_TRUE(runUntil([&] { return keep.destroyed == 2 && lethal.lethal == 1; }, [&] { step(11 * kYear); }));
+    ASSERT_TRUE(runUntil([&] { return keep.n == 2 && lethal.n == 1; }, [&] { step(11 * kYear); }));
     EXPECT_EQ(1, keep.offered);  // offered once, kept, expired
-    EXPECT_GE(keep.destroyedMonoUs, ttlLow);
-    EXPECT_GE(lethal.lethalMonoUs, lethalLow);
+    EXPECT_GE(keep.atMonoUs, ttlLow);
+    EXPECT_GE(lethal.atMonoUs, lethalLow);
     EXPECT_EQ(0, queue.removeEventHandlers(lethalId, 0, nullptr, true));  // dropped after its lethal time
     EXPECT_EQ(kLtTimeNever, loop.getNextWakeupTime().sec);
     EXPECT_EQ(1, queue.removeEventHandlers(0, 0, nullptr, true));

@@ -1,11 +1,6 @@
 //===- drivenloop.h - A select loop whose passes the test drives (tests) ---===//
-//
-// exec() never returns, so tests run the loop one pass at a time on their own thread, which
-// then plays the loop thread: no threads, no sleeps. pass() wakes the loop first, so a pass
-// never blocks in select(); waitingPass() does not, for tests of what wakes it. A loop made
-// with started = false is as before exec(): begin() starts it.
-//
-//===----------------------------------------------------------------------===//
+// The test's thread plays the loop thread, a pass at a time: pass() wakes the loop first, so it
+// never blocks in select(); waitingPass() does not. Made with started = false, begin() starts it.
 #ifndef DRIVENLOOP_H
 #define DRIVENLOOP_H
 

@@ -1,9 +1,5 @@
-//===- runningloop.h - A select loop running on a thread of its own (tests) ===//
-//
-// exec() never returns, so the stress and soak programs drive the loop's passes themselves on
-// a thread of their own, from start() until stop().
-//
-//===----------------------------------------------------------------------===//
+//===- runningloop.h - A select loop passed on a thread of its own (tests) ===//
+// exec() never returns: start() runs the loop's passes on a thread until stop().
 #ifndef RUNNINGLOOP_H
 #define RUNNINGLOOP_H
 
@@ -20,8 +16,7 @@ public:
         thread_ = std::thread([this] {
             loopThread_.store(std::this_thread::get_id());  // before any callback: thread_ may not be set yet
             PassState s;
-            beginExec(s);
-            while (!stopping_.load())
+            for (beginExec(s); !stopping_.load();)
                 runOnePass(s);
         });
     }
@@ -39,17 +34,15 @@ private:
     std::thread thread_;
 };
 
-// Polls until done() holds; false when the patience, far beyond any healthy wait, runs out
-// first (a lost wake-up). No timing is asserted.
+// Polls until done() holds; false when the patience, far beyond any healthy wait, runs out (a lost
+// wake-up). No timing is asserted.
 template <typename Done>
 bool waitFor(Done done, std::chrono::seconds patience = std::chrono::seconds(20))
 {
-    const auto until = std::chrono::steady_clock::now() + patience;
-    while (!done()) {
+    for (const auto until = std::chrono::steady_clock::now() + patience; !done();
+         std::this_thread::sleep_for(std::chrono::microseconds(50)))
         if (std::chrono::steady_clock::now() > until)
             return false;
-        std::this_thread::sleep_for(std::chrono::microseconds(50));
-    }
     return true;
 }
 
