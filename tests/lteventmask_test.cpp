@@ -17,9 +17,9 @@ ltEvent keys(unsigned k1, unsigned k2 = 0, const char* data = nullptr) { return 
 
 TEST(EventLifetime, FreesOnlyDataItOwnsAndCarriesTtlMicroseconds)
 {
-    { ltEvent none(1, 2, 3, 4, nullptr, 0); }                            // nothing to free
-    { ltEvent borrowed(1, 2, 3, 4, "static", ltEvent::kDataNotOwned); }  // freeing would crash
-    { ltEvent owned(1, 2, 3, 4, strdup("heap"), 0x7); }                  // a leak would be reported
+    {  // nothing to free; freeing static data would crash; a leak of heap data would be reported
+        ltEvent none(1, 2, 3, 4, nullptr, 0), borrowed(1, 2, 3, 4, "static", ltEvent::kDataNotOwned), owned(1, 2, 3, 4, strdup("heap"), 0x7);
+    }
 
     ltEvent e = keys(1);
     ltTime stamp(10, 800000), ttl(0, 999999);
@@ -57,16 +57,12 @@ TEST(MaskDataOperators, ComparesTheEventStringWithOrWithoutCase)
 {
     struct Case { unsigned op; const char* data; bool expect; };
     const Case cases[] = {
-        {M::kDataBelow, "abb", true}, {M::kDataBelow, "abc", false}, {M::kDataBelow, nullptr, true},
-        {M::kDataAbove, "abd", true}, {M::kDataAbove, nullptr, false},
-        {M::kDataPrefix, "abcdef", true}, {M::kDataPrefix, "ab", false}, {M::kDataPrefix, "ABCd", false},
-        {M::kDataPrefix | M::kDataNoCase, "ABCd", true},
-        {M::kDataEqual, "abc", true}, {M::kDataEqual, "ABC", false},
-        {M::kDataEqual | M::kDataNoCase, "ABC", true}, {M::kDataEqual, nullptr, false},
-        {M::kDataBelowOrEqual, "abc", true}, {M::kDataBelowOrEqual, "abd", false},
-        {M::kDataAboveOrEqual, "abc", true}, {M::kDataAboveOrEqual, "abb", false},
-        {M::kDataNever, "abc", false},
-    };
+        {M::kDataBelow, "abb", true}, {M::kDataBelow, "abc", false}, {M::kDataBelow, nullptr, true}, {M::kDataAbove, "abd", true},
+        {M::kDataAbove, nullptr, false}, {M::kDataPrefix, "abcdef", true}, {M::kDataPrefix, "ab", false}, {M::kDataPrefix, "ABCd", false},
+        {M::kDataPrefix | M::kDataNoCase, "ABCd", true}, {M::kDataEqual, "abc", true}, {M::kDataEqual, "ABC", false},
+        {M::kDataEqual | M::kDataNoCase, "ABC", true}, {M::kDataEqual, nullptr, false}, {M::kDataBelowOrEqual, "abc", true},
+        {M::kDataBelowOrEqual, "abd", false}, {M::kDataAboveOrEqual, "abc", true}, {M::kDataAboveOrEqual, "abb", false},
+        {M::kDataNever, "abc", false}};
     for (const Case& c : cases) {
         M mask(M::kMaskNone, 5, c.op, "abc", 0);
         EXPECT_EQ(c.expect, mask.matches(keys(0, 0, c.data))) << "op " << c.op << " " << (c.data ? c.data : "null");
@@ -76,8 +72,7 @@ TEST(MaskDataOperators, ComparesTheEventStringWithOrWithoutCase)
     EXPECT_FALSE(nullOperand.matches(keys(0, 0, nullptr)));
 }
 
-// Invert and go-on bits act only on long terms set directly: from a list, any code of 16 or
-// more is read as a short term, which ends evaluation at once.
+// Invert and go-on act only on long terms set directly: a listed code of 16 or more is a short term.
 TEST(MaskArgumentLists, CountsFlagsBothTermFormsAndTheBitsSetDirectly)
 {
     // Flags 0: counted up to the 0 code. A string term's length is carried by the next term.

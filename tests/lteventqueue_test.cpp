@@ -20,7 +20,6 @@ namespace {
 
 using M = ltEventMask;
 
-// What the handlers saw and which objects were deleted.
 struct Recorder {
     struct Call { std::string handler; unsigned key2; int reason; };
     std::vector<Call> calls;
@@ -38,10 +37,8 @@ struct CountedEvent : ltEvent {
     Recorder& rec;
 };
 
-// A handler that records each invocation and its own deletion; owns its mask.
 struct Probe : ltEventHandler {
-    using Result = int (*)(const ltEvent*);
-    Probe(Recorder& r, const char* n, ltEventMask* m, int f, Result res)
+    Probe(Recorder& r, const char* n, ltEventMask* m, int f, int (*res)(const ltEvent*))
         : ltEventHandler(m, nullptr, nullptr, f | kOwnsMask), rec(r), name(n), result(res) {}
     ~Probe() override { ++rec.handlersDeleted[name]; }
     int invoke(ltEventQueue&, ltEvent* e, int reason) override
@@ -51,7 +48,7 @@ struct Probe : ltEventHandler {
     }
     Recorder& rec;
     std::string name;
-    Result result;
+    int (*result)(const ltEvent*);
 };
 
 int goOn(const ltEvent*) { return 1; }
@@ -191,8 +188,7 @@ H* mortal(Recorder& rec, const char* name, A... args)
     return h;
 }
 
-// Only a handler the queue deletes loses its lethal timer; one that leaves and survives keeps
-// it, and at its lethal time is invoked with reason 1 and dropped like one still queued.
+// Only a handler the queue deletes loses its lethal timer; a survivor is invoked with reason 1 at it.
 TEST(LethalTimers, OnlyHandlersTheQueueDeletesLoseTheirTimer)
 {
     AppLoop loop;
@@ -225,7 +221,6 @@ TEST(LethalTimers, OnlyHandlersTheQueueDeletesLoseTheirTimer)
     EXPECT_EQ(1, queue.removeEventHandlers(0, 0, dropped, true));
     EXPECT_TRUE(loop.wasRemoved(droppedTimer));
 
-    // The survivors' timers fire: each is invoked with reason 1; the not-owned one lives on.
     released->flags &= ~ltEventHandler::kPersistent;  // now it is dropped at its lethal time
     for (int id : {borrowedTimer, releasedTimer, keptTimer})
         loop.fire(id);
@@ -295,9 +290,8 @@ struct Expirer : ltEventHandler {
     AppLoop& loop;
 };
 
-// Handlers leaving during their own call: one deleted is not touched again; one removed
-// without being deleted is still deleted as non-persistent; the list keeps the others.
-// An event whose TTL ends during its dispatch is deleted when that ends and goes no further.
+// Handlers leaving during their own call: one deleted is not touched again; one only removed is
+// still deleted as non-persistent. An event expiring in its dispatch is deleted when that ends.
 TEST(HandlerRemoval, HandlersLeavingDuringTheirOwnCall)
 {
     AppLoop loop;
@@ -318,10 +312,10 @@ TEST(HandlerRemoval, HandlersLeavingDuringTheirOwnCall)
     EXPECT_EQ(1, rec.handlersDeleted["releaser"]);
 
     Leaver* atLethalTime[] = {mortal<Leaver>(rec, "lethal-deleter", true), mortal<Leaver>(rec, "lethal-releaser", false)};
-    for (Leaver* h : atLethalTime)
+    for (Leaver* h : atLethalTime) {
         ASSERT_NE(0u, queue.addEventHandler(h));
-    for (Leaver* h : atLethalTime)
         loop.fire(loop.timerOf(h));
+    }
     for (const char* name : {"deleter", "releaser", "lethal-deleter", "lethal-releaser"})
         EXPECT_EQ(1, rec.handlersDeleted[name]) << name;
     EXPECT_EQ(1, rec.count("lethal-deleter", ltEventHandler::kReasonLethalTime));
@@ -337,10 +331,7 @@ TEST(HandlerRemoval, HandlersLeavingDuringTheirOwnCall)
     EXPECT_EQ(2, queue.removeEventHandlers(0, 0, nullptr, true));
 }
 
-int recordLethal(ltEventQueue&, ltEvent*, int reason, void* user)
-{
-    return static_cast<Recorder*>(user)->calls.push_back({"function", 0, reason}), 1;
-}
+int recordLethal(ltEventQueue&, ltEvent*, int reason, void* user) { return static_cast<Recorder*>(user)->calls.push_back({"function", 0, reason}), 1; }
 
 TEST(MonotonicTimeouts, TtlsAndLethalTimesRunFromNowWhereTheKeptOnesEndAtOnce)
 {

@@ -80,10 +80,7 @@ TEST(EventRingModel, KeepsArrivalOrderBehindTheSkippedAndGrowsLikeAPlainVector)
     }
 }
 
-int countAndGoOn(ltEventQueue&, ltEvent* e, int, void* seen)
-{
-    return static_cast<std::vector<unsigned>*>(seen)->push_back(e->key2), 1;
-}
+int countAndGoOn(ltEventQueue&, ltEvent* e, int, void* seen) { return static_cast<std::vector<unsigned>*>(seen)->push_back(e->key2), 1; }
 
 int keepEverything(ltEventQueue&, ltEvent*, int, void*) { return 0; }
 
@@ -124,7 +121,6 @@ TEST(EventQueueClaims, OrderLimitMemoryAndPutBackAsWithOnePlainVector)
     post(1);      // 530 queued before it: full, as for the plain vector
     EXPECT_EQ(45, grownSlots(base));
 
-    // TTL expiry of a claimed event and of one still in the ring.
     EXPECT_EQ(0, ltEventQueue::cbEventTimeOut(0, ltTime(0, 0), events[46]));
     EXPECT_EQ(0, ltEventQueue::cbEventTimeOut(0, ltTime(0, 0), events[300]));
     expected.erase(std::find(expected.begin(), expected.end(), 46u));

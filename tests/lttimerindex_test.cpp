@@ -60,8 +60,7 @@ TEST(TimerIndexModel, FindsWhatAWalkOverTheSlotsFinds)
             ASSERT_EQ(least.value_or(earliest), earliest);
         }
 
-        // A rebuild from the slots gives the same answers as the updates did.
-        TimerIndex rebuilt;
+        TimerIndex rebuilt;  // from the slots: the same answers as the updates gave
         ASSERT_TRUE(rebuilt.reset(size));
         rebuilt.rebuild([&](int slot) { return slots[slot] ? &*slots[slot] : nullptr; });
         for (int from = 0; from <= size; ++from)
