@@ -4,12 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
-#include <thread>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "drivenloop.h"
@@ -20,7 +20,6 @@ namespace {
 
 using M = ltEventMask;
 
-// What the handlers saw and which objects were deleted.
 struct Recorder {
     struct Call { std::string handler; unsigned key2; int reason; };
     std::vector<Call> calls;
@@ -28,8 +27,7 @@ struct Recorder {
     std::map<std::string, int> handlersDeleted;  // by name
     int count(const std::string& name, int reason) const
     {
-        return static_cast<int>(std::count_if(calls.begin(), calls.end(),
-                                              [&](const Call& c) { return c.handler == name && c.reason == reason; }));
+        return static_cast<int>(std::count_if(calls.begin(), calls.end(), [&](const Call& c) { return c.handler == name && c.reason == reason; }));
     }
 };
 
@@ -39,10 +37,8 @@ struct CountedEvent : ltEvent {
     Recorder& rec;
 };
 
-// A handler that records each invocation and its own deletion; owns its mask.
 struct Probe : ltEventHandler {
-    using Result = int (*)(const ltEvent*);
-    Probe(Recorder& r, const char* n, ltEventMask* m, int f, Result res)
+    Probe(Recorder& r, const char* n, ltEventMask* m, int f, int (*res)(const ltEvent*))
         : ltEventHandler(m, nullptr, nullptr, f | kOwnsMask), rec(r), name(n), result(res) {}
     ~Probe() override { ++rec.handlersDeleted[name]; }
     int invoke(ltEventQueue&, ltEvent* e, int reason) override
@@ -52,7 +48,7 @@ struct Probe : ltEventHandler {
     }
     Recorder& rec;
     std::string name;
-    Result result;
+    int (*result)(const ltEvent*);
 };
 
 int goOn(const ltEvent*) { return 1; }
@@ -110,53 +106,22 @@ TEST(QueueAdmission, LimitIsStrictlyGreaterAndOwnedOrNullObjectsAreRefused)
     EXPECT_EQ(1, rec.handlersDeleted["sink"]);
 }
 
-TEST(HandlerRemoval, MatchesByGroupIdAndHandlerAndDeletesOnlyWhenAsked)
-{
-    DrivenLoop loop;
-    ltEventQueue queue(loop);
-    Recorder rec;
-    const char* names[] = {"any", "seven", "eight", "seven-too"};
-    const int groups[] = {0, 7, 8, 7};
-    Probe* h[4];
-    for (int i = 0; i < 4; ++i) {
-        h[i] = new Probe(rec, names[i], key1Is(1), ltEventHandler::kPersistent, goOn);
-        h[i]->groupTag = groups[i];
-        ASSERT_NE(0u, queue.addEventHandler(h[i]));
-    }
-    EXPECT_EQ(3, queue.removeEventHandlers(0, 7, nullptr, false));  // group 0 matches every group
-    EXPECT_EQ(0, queue.removeEventHandlers(h[2]->id + 1, 0, nullptr, true));
-    EXPECT_EQ(1, queue.removeEventHandlers(h[2]->id, 0, nullptr, true));
-    EXPECT_EQ(1, rec.handlersDeleted["eight"]);
-    EXPECT_EQ(0u, rec.handlersDeleted.count("seven"));
-    for (int i : {0, 1, 3})
-        delete h[i];
-
-    // kNotOwned: removed after its one invocation, id reset, not deleted, and still owned.
-    auto* borrowed = new Probe(rec, "borrowed", nullptr, ltEventHandler::kNotOwned, goOn);
-    ASSERT_NE(0u, queue.addEventHandler(borrowed));
-    post(queue, rec, 1, 1);
-    EXPECT_EQ(0, queue.processNextEvent());
-    EXPECT_EQ(1, rec.count("borrowed", 0));
-    EXPECT_EQ(0u, borrowed->id);
-    EXPECT_EQ(1, rec.eventsDeleted[1]);
-    EXPECT_EQ(0u, queue.addEventHandler(borrowed));
-    EXPECT_EQ(EBUSY, errno);
-    delete borrowed;
-}
-
-// A loop pass runs the queue until idle; handlers by priority, then insertion order, until one stops.
+// A loop pass runs the queue until idle; handlers by priority, then insertion order, until one
+// stops. Removal matches by group (0 matches every group), id and handler; deletes when asked.
 TEST(EventDispatch, HandlersRunByPriorityInInsertionOrderUntilOneStops)
 {
     DrivenLoop loop;
     ltEventQueue queue(loop);
     Recorder rec;
     ASSERT_NE(0, loop.registerMainLoopMember(queue));
-    const int f = ltEventHandler::kPersistent;
-    queue.addEventHandler(5, new Probe(rec, "mid-a", key1AtMost(2), f, goOn));
-    queue.addEventHandler(0, new Probe(rec, "low", key1AtMost(2), f, goOn));
-    queue.addEventHandler(10, new Probe(rec, "high", key1AtMost(2), f, goOn));
-    queue.addEventHandler(5, new Probe(rec, "mid-b", key1AtMost(2), f, goOn));
-    queue.addEventHandler(7, new Probe(rec, "stop", key1Is(2), f, stop));
+    const char* names[] = {"mid-a", "low", "high", "mid-b", "stop"};
+    const int priorities[] = {5, 0, 10, 5, 7};
+    Probe* h[5];
+    for (int i = 0; i < 5; ++i) {
+        h[i] = new Probe(rec, names[i], i == 4 ? key1Is(2) : key1AtMost(2), ltEventHandler::kPersistent, i == 4 ? stop : goOn);
+        h[i]->groupTag = i == 1 ? 0 : i % 3 == 0 ? 7 : 8;
+        ASSERT_NE(0u, queue.addEventHandler(priorities[i], h[i]));
+    }
     for (unsigned i = 0; i < 10; ++i)
         post(queue, rec, i % 5 == 0 ? 2 : 1, i);  // every fifth is stopped
     loop.pass();
@@ -164,13 +129,17 @@ TEST(EventDispatch, HandlersRunByPriorityInInsertionOrderUntilOneStops)
     std::map<unsigned, std::vector<std::string>> order;  // by key2
     for (const Recorder::Call& c : rec.calls)
         order[c.key2].push_back(c.handler);
-    const std::vector<std::string> passed = {"high", "mid-a", "mid-b", "low"};
-    const std::vector<std::string> stopped = {"high", "stop"};
     for (unsigned i = 0; i < 10; ++i) {
-        EXPECT_EQ(i % 5 == 0 ? stopped : passed, order[i]) << i;
+        EXPECT_EQ((i % 5 == 0 ? std::vector<std::string>{"high", "stop"} : std::vector<std::string>{"high", "mid-a", "mid-b", "low"}), order[i]) << i;
         EXPECT_EQ(1, rec.eventsDeleted[i]) << i;
     }
-    EXPECT_EQ(5, queue.removeEventHandlers(0, 0, nullptr, true));
+    EXPECT_EQ(3, queue.removeEventHandlers(0, 7, nullptr, false));  // mid-a, low, mid-b
+    EXPECT_EQ(0, queue.removeEventHandlers(h[4]->id + 1, 0, nullptr, true));
+    EXPECT_EQ(1, queue.removeEventHandlers(h[2]->id, 0, nullptr, true));
+    EXPECT_EQ((std::map<std::string, int>{{"high", 1}}), rec.handlersDeleted);
+    for (int i : {0, 1, 3})
+        delete h[i];
+    EXPECT_EQ(1, queue.removeEventHandlers(0, 0, nullptr, true));
 }
 
 // An application's own loop: records what the queue asks of it and fires timers on demand.
@@ -184,11 +153,11 @@ struct AppLoop : ltMainLoop {
     int unregisterMainLoopMember(int, const ltMainLoopMember&) override { return 0; }
     void wakeupEventLoop() override {}
     void removeIOHandle(int) override {}
+    void exec() override {}
+    void processTimeouts() override {}
     int addObjectTimer(timerFlags_t, const ltTime&, const ltTime&, void*) override { return 0; }
     void removeTimer(int id) override { removed.push_back(id), timers.erase(id); }
-    void exec() override {}
     ltTime getNextWakeupTime() override { return ltTime(0, 0); }
-    void processTimeouts() override {}
     int doAddTimer(timerFlags_t f, const ltTime& first, const ltTime&, ltTimerCallback cb, void* userData) override
     {
         added.emplace_back(f, first);
@@ -203,8 +172,7 @@ struct AppLoop : ltMainLoop {
         return t == timers.end() ? 0 : t->first;
     }
     bool wasRemoved(int id) const { return std::find(removed.begin(), removed.end(), id) != removed.end(); }
-    // Fires a one-shot timer as a loop does: out of the table first, then its callback.
-    void fire(int id)
+    void fire(int id)  // as a loop fires a one-shot timer: out of the table first, then its callback
     {
         const auto t = timers.at(id);
         timers.erase(id);
@@ -220,8 +188,7 @@ H* mortal(Recorder& rec, const char* name, A... args)
     return h;
 }
 
-// Only a handler the queue deletes loses its lethal timer; one that leaves and survives keeps
-// it, and at its lethal time is invoked with reason 1 and dropped like one still queued.
+// Only a handler the queue deletes loses its lethal timer; a survivor is invoked with reason 1 at it.
 TEST(LethalTimers, OnlyHandlersTheQueueDeletesLoseTheirTimer)
 {
     AppLoop loop;
@@ -235,9 +202,8 @@ TEST(LethalTimers, OnlyHandlersTheQueueDeletesLoseTheirTimer)
     Probe* dropped = mortal(rec, "dropped", key1Is(1), persistent, goOn);
     for (Probe* h : {once, borrowed, released, kept, dropped})
         ASSERT_NE(0u, queue.addEventHandler(h));
-    const int onceTimer = loop.timerOf(once), borrowedTimer = loop.timerOf(borrowed),
-              releasedTimer = loop.timerOf(released), keptTimer = loop.timerOf(kept),
-              droppedTimer = loop.timerOf(dropped);
+    const int onceTimer = loop.timerOf(once), borrowedTimer = loop.timerOf(borrowed), releasedTimer = loop.timerOf(released),
+              keptTimer = loop.timerOf(kept), droppedTimer = loop.timerOf(dropped);
     ASSERT_EQ(5u, loop.timers.size());
 
     // "borrowed" moves into the index of "once" and is skipped for the first event: kept.
@@ -245,66 +211,27 @@ TEST(LethalTimers, OnlyHandlersTheQueueDeletesLoseTheirTimer)
         post(queue, rec, 1, key2);
         ASSERT_EQ(0, queue.processNextEvent());
     }
-    EXPECT_EQ(1, rec.handlersDeleted["once"]);
     EXPECT_TRUE(loop.wasRemoved(onceTimer));
     EXPECT_EQ(0u, borrowed->id);
+    EXPECT_EQ(0u, queue.addEventHandler(borrowed));  // removed, not deleted, and still owned
+    EXPECT_EQ(EBUSY, errno);
     EXPECT_FALSE(loop.wasRemoved(borrowedTimer));
     EXPECT_EQ(1, queue.removeEventHandlers(0, 0, released, false));
     EXPECT_FALSE(loop.wasRemoved(releasedTimer));
     EXPECT_EQ(1, queue.removeEventHandlers(0, 0, dropped, true));
     EXPECT_TRUE(loop.wasRemoved(droppedTimer));
-    EXPECT_EQ(1, rec.handlersDeleted["dropped"]);
 
-    // The survivors' timers fire: each is invoked with reason 1; the not-owned one lives on.
     released->flags &= ~ltEventHandler::kPersistent;  // now it is dropped at its lethal time
     for (int id : {borrowedTimer, releasedTimer, keptTimer})
         loop.fire(id);
     for (const char* name : {"borrowed", "released", "kept"})
         EXPECT_EQ(1, rec.count(name, ltEventHandler::kReasonLethalTime)) << name;
-    EXPECT_EQ(0u, rec.handlersDeleted.count("borrowed"));
-    EXPECT_EQ(1, rec.handlersDeleted["released"]);  // left without being deleted: deleted now
-    EXPECT_EQ(0u, rec.handlersDeleted.count("kept"));
+    // "released" left without being deleted: deleted now; "borrowed" and "kept" live on.
+    EXPECT_EQ((std::map<std::string, int>{{"dropped", 1}, {"once", 1}, {"released", 1}}), rec.handlersDeleted);
     EXPECT_EQ(2u, loop.removed.size());  // once's and dropped's: none twice, none by mistake
     EXPECT_EQ(1, queue.removeEventHandlers(0, 0, kept, true));
     EXPECT_EQ(2u, loop.removed.size());  // kept's timer has fired: nothing left to remove
     delete borrowed;
-}
-
-// A TTL expiry removes the timer on the given loop and deletes the event once; one expiring
-// during its dispatch is deleted when that ends and reaches no further handler.
-TEST(EventTtl, ExpiryRemovesTheTimerOnTheGivenLoopAndDeletesOnce)
-{
-    AppLoop loop;
-    ltEventQueue queue(loop);
-    Recorder rec;
-    auto* e = new CountedEvent(rec, 1, 1);
-    ASSERT_EQ(0, queue.post(*e, 5));
-    const int ttl = loop.timerOf(e);
-    ASSERT_NE(0, ttl);
-    loop.fire(ttl);
-    EXPECT_EQ(std::vector<int>{ttl}, loop.removed);
-    EXPECT_EQ(1, rec.eventsDeleted[1]);
-    EXPECT_EQ(-1, queue.processNextEvent());
-
-    struct Expirer : ltEventHandler {
-        Expirer(AppLoop& l) : ltEventHandler(nullptr, nullptr, nullptr, kPersistent), loop(l) {}
-        int invoke(ltEventQueue&, ltEvent* event, int) override
-        {
-            loop.fire(loop.timerOf(event));  // as if the handler ran the loop's timers
-            return 0;                        // would keep it
-        }
-        AppLoop& loop;
-    };
-    ASSERT_NE(0u, queue.addEventHandler(5, new Expirer(loop)));
-    ASSERT_NE(0u, queue.addEventHandler(0, new Probe(rec, "after", nullptr, ltEventHandler::kPersistent, goOn)));
-    post(queue, rec, 1, 2, 5);
-    loop.removed.clear();
-    EXPECT_EQ(0, queue.processNextEvent());
-    EXPECT_EQ(1, rec.eventsDeleted[2]);
-    EXPECT_EQ(0, rec.count("after", 0));
-    EXPECT_EQ(1u, loop.removed.size());  // by the expiry; not again with a stale id
-    EXPECT_EQ(-1, queue.processNextEvent());
-    EXPECT_EQ(2, queue.removeEventHandlers(0, 0, nullptr, true));
 }
 
 // A nested processNextEvent() finds the queue empty and renews the known time: the event then
@@ -353,8 +280,18 @@ struct Leaver : Probe {
     bool destroy;
 };
 
-// Handlers leaving during their own call: one deleted is not touched again; one removed
-// without being deleted is still deleted as non-persistent; the list keeps the others.
+struct Expirer : ltEventHandler {
+    Expirer(AppLoop& l) : ltEventHandler(nullptr, nullptr, nullptr, kPersistent), loop(l) {}
+    int invoke(ltEventQueue&, ltEvent* event, int) override
+    {
+        loop.fire(loop.timerOf(event));  // as if the handler ran the loop's timers
+        return 0;                        // would keep it
+    }
+    AppLoop& loop;
+};
+
+// Handlers leaving during their own call: one deleted is not touched again; one only removed is
+// still deleted as non-persistent. An event expiring in its dispatch is deleted when that ends.
 TEST(HandlerRemoval, HandlersLeavingDuringTheirOwnCall)
 {
     AppLoop loop;
@@ -375,22 +312,26 @@ TEST(HandlerRemoval, HandlersLeavingDuringTheirOwnCall)
     EXPECT_EQ(1, rec.handlersDeleted["releaser"]);
 
     Leaver* atLethalTime[] = {mortal<Leaver>(rec, "lethal-deleter", true), mortal<Leaver>(rec, "lethal-releaser", false)};
-    for (Leaver* h : atLethalTime)
+    for (Leaver* h : atLethalTime) {
         ASSERT_NE(0u, queue.addEventHandler(h));
-    for (Leaver* h : atLethalTime)
         loop.fire(loop.timerOf(h));
+    }
     for (const char* name : {"deleter", "releaser", "lethal-deleter", "lethal-releaser"})
         EXPECT_EQ(1, rec.handlersDeleted[name]) << name;
     EXPECT_EQ(1, rec.count("lethal-deleter", ltEventHandler::kReasonLethalTime));
-    EXPECT_EQ(1, rec.eventsDeleted[1]);
-    EXPECT_EQ(1, rec.eventsDeleted[2]);
-    EXPECT_EQ(1, queue.removeEventHandlers(0, 0, nullptr, true));
+
+    ASSERT_NE(0u, queue.addEventHandler(5, new Expirer(loop)));
+    post(queue, rec, 1, 3, 5);
+    loop.removed.clear();
+    EXPECT_EQ(0, queue.processNextEvent());
+    EXPECT_EQ((std::map<unsigned, int>{{1, 1}, {2, 1}, {3, 1}}), rec.eventsDeleted);
+    EXPECT_EQ(1, rec.count("last", 0));  // skipped for the second event, not reached by this one
+    EXPECT_EQ(1u, loop.removed.size());  // by the expiry; not again with a stale id
+    EXPECT_EQ(-1, queue.processNextEvent());
+    EXPECT_EQ(2, queue.removeEventHandlers(0, 0, nullptr, true));
 }
 
-int recordLethal(ltEventQueue&, ltEvent*, int reason, void* user)
-{
-    return static_cast<Recorder*>(user)->calls.push_back({"function", 0, reason}), 1;
-}
+int recordLethal(ltEventQueue&, ltEvent*, int reason, void* user) { return static_cast<Recorder*>(user)->calls.push_back({"function", 0, reason}), 1; }
 
 TEST(MonotonicTimeouts, TtlsAndLethalTimesRunFromNowWhereTheKeptOnesEndAtOnce)
 {
@@ -429,6 +370,7 @@ TEST(MonotonicTimeouts, TtlsAndLethalTimesRunFromNowWhereTheKeptOnesEndAtOnce)
     const ltTime before = lt_internal::wallClockNow();
     auto* e = new CountedEvent(rec, 1, 3);
     ASSERT_EQ(0, queue.post(*e, 2500));
+    const int ttl = loop.timerOf(e);
     auto* far = new Probe(rec, "far", nullptr, ltEventHandler::kPersistent, goOn);
     far->setLethalTime(ltTime(3, 0));
     ASSERT_NE(0u, queue.addEventHandler(far));
@@ -440,8 +382,10 @@ TEST(MonotonicTimeouts, TtlsAndLethalTimesRunFromNowWhereTheKeptOnesEndAtOnce)
         EXPECT_TRUE(ltTimeNotAfter(ltTimeAdd(before, durations[i]), loop.added[i].second)) << i;
         EXPECT_TRUE(ltTimeNotAfter(loop.added[i].second, ltTimeAdd(after, durations[i]))) << i;
     }
-    loop.fire(loop.timerOf(e));
+    loop.fire(ttl);
+    EXPECT_EQ(std::vector<int>{ttl}, loop.removed);  // on the loop it was armed on
     EXPECT_EQ(1, rec.eventsDeleted[3]);
+    EXPECT_EQ(-1, queue.processNextEvent());
     EXPECT_EQ(1, queue.removeEventHandlers(0, 0, far, true));
 }
 

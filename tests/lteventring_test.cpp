@@ -21,15 +21,14 @@ using lt_internal::EventRing;
 
 ltEvent* newEvent(unsigned key2) { return new ltEvent(1, key2, 0, 0, nullptr, 0); }
 
-// Against a model: the skipped events as a set, the others in order. Without skipped events
-// the array grows exactly as a plain lfcVector of the same events does.
+// Skipped events as a set, the others in order; without skipped ones it grows as a plain lfcVector.
 TEST(EventRingModel, KeepsArrivalOrderBehindTheSkippedAndGrowsLikeAPlainVector)
 {
     std::mt19937 random(7);
     lfcVector storage(4, 3), plain(4, 3);
     int head = 0, skipped = 0;
     EventRing ring(storage, head);
-    std::vector<ltEvent*> skippedModel;  // order among them does not matter
+    std::vector<ltEvent*> skippedModel;
     std::deque<ltEvent*> model;
     std::vector<std::unique_ptr<ltEvent>> owned;
 
@@ -50,7 +49,6 @@ TEST(EventRingModel, KeepsArrivalOrderBehindTheSkippedAndGrowsLikeAPlainVector)
                 model.pop_front();
                 ASSERT_EQ(0, plain.remove(0, 1));  // the plain vector holds the others only
             }
-            // Some come back in front, as one put back at the known time does.
             for (int i = 0; withSkipped && i < n; i += 2) {
                 ring.pushFront(out[i]);
                 ++skipped;
@@ -82,15 +80,11 @@ TEST(EventRingModel, KeepsArrivalOrderBehindTheSkippedAndGrowsLikeAPlainVector)
     }
 }
 
-int countAndGoOn(ltEventQueue&, ltEvent* e, int, void* seen)
-{
-    return static_cast<std::vector<unsigned>*>(seen)->push_back(e->key2), 1;
-}
+int countAndGoOn(ltEventQueue&, ltEvent* e, int, void* seen) { return static_cast<std::vector<unsigned>*>(seen)->push_back(e->key2), 1; }
 
 int keepEverything(ltEventQueue&, ltEvent*, int, void*) { return 0; }
 
-// Through the queue: arrival order across claimed batches, posts and TTL expiries; the max
-// size counts claimed events; lfcUtilMallocUsed moves as with one plain (500, 15) vector.
+// Arrival order across claimed batches, posts and TTL expiries; the limit counts claimed events.
 TEST(EventQueueClaims, OrderLimitMemoryAndPutBackAsWithOnePlainVector)
 {
     DrivenLoop loop;  // never run: this thread plays the loop thread
@@ -127,7 +121,6 @@ TEST(EventQueueClaims, OrderLimitMemoryAndPutBackAsWithOnePlainVector)
     post(1);      // 530 queued before it: full, as for the plain vector
     EXPECT_EQ(45, grownSlots(base));
 
-    // TTL expiry of a claimed event and of one still in the ring: the order stays intact.
     EXPECT_EQ(0, ltEventQueue::cbEventTimeOut(0, ltTime(0, 0), events[46]));
     EXPECT_EQ(0, ltEventQueue::cbEventTimeOut(0, ltTime(0, 0), events[300]));
     expected.erase(std::find(expected.begin(), expected.end(), 46u));
@@ -152,8 +145,7 @@ TEST(EventQueueClaims, OrderLimitMemoryAndPutBackAsWithOnePlainVector)
     EXPECT_EQ(1, queue->removeEventHandlers(0, 0, nullptr, true));
     delete queue;
 
-    // Put-back events stay counted, are not handed out again while the queue is not empty,
-    // and events behind them are taken at once.
+    // Put-back events stay counted and are not handed out again; those behind them are.
     queue = new ltEventQueue(loop);
     seen.clear();
     ltEventMask keepMask(ltEventMask::kMaskNone, 2, ltEventMask::kKeyEqual, 1u, 0);   // key2 == 1
@@ -179,7 +171,6 @@ TEST(EventQueueClaims, OrderLimitMemoryAndPutBackAsWithOnePlainVector)
     EXPECT_EQ(std::vector<unsigned>{7}, seen);
     EXPECT_EQ(-1, queue->processNextEvent());
 
-    // Their TTL timers would remove them: so does the callback, wherever they sit.
     for (ltEvent* e : kept)
         EXPECT_EQ(0, ltEventQueue::cbEventTimeOut(0, ltTime(0, 0), e));
     EXPECT_EQ(-1, queue->processNextEvent());  // now found empty

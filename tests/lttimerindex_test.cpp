@@ -28,7 +28,7 @@ int walkFirstDue(const Slots& slots, int from, const ltTime& now)
 TEST(TimerIndexModel, FindsWhatAWalkOverTheSlotsFinds)
 {
     std::mt19937 random(11);
-    // Near values, so that equal times are common, and the extremes (not the one pair rounded).
+    // Near values, so that equal times are common, and the extremes.
     const std::vector<int32_t> secs = {1, 2, 3, -1, INT32_MIN, INT32_MAX - 1, INT32_MAX};
     const std::vector<int32_t> usecs = {0, 1, 999999, -999999, -1, INT32_MIN, INT32_MAX - 1};
     auto anyTime = [&] { return ltTime(secs[random() % secs.size()], usecs[random() % usecs.size()]); };
@@ -60,8 +60,7 @@ TEST(TimerIndexModel, FindsWhatAWalkOverTheSlotsFinds)
             ASSERT_EQ(least.value_or(earliest), earliest);
         }
 
-        // A rebuild from the slots gives the same answers as the updates did.
-        TimerIndex rebuilt;
+        TimerIndex rebuilt;  // from the slots: the same answers as the updates gave
         ASSERT_TRUE(rebuilt.reset(size));
         rebuilt.rebuild([&](int slot) { return slots[slot] ? &*slots[slot] : nullptr; });
         for (int from = 0; from <= size; ++from)
@@ -70,10 +69,9 @@ TEST(TimerIndexModel, FindsWhatAWalkOverTheSlotsFinds)
 }
 
 // (INT32_MAX, INT32_MAX) packs to the empty key: kept one microsecond earlier, never lost.
-// The block the index gets is filled first, so that a read past its end shows.
 TEST(TimerIndexModel, LatestExpiryIsKeptAndNothingIsDueFromPastTheLastSlot)
 {
-    void* block = std::malloc(4 * 2 * sizeof(uint64_t));
+    void* block = std::malloc(4 * 2 * sizeof(uint64_t));  // filled, so that a read past the end shows
     std::memset(block, 0xFF, malloc_usable_size(block));
     asm volatile("" : : "r"(block) : "memory");  // the fill is not dropped as a dead store
     std::free(block);
