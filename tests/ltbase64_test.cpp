@@ -3,12 +3,7 @@
 
 #include <algorithm>
 #include <climits>
-#include <iterator>
 #include <memory>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "crypto_test_support.h"
 

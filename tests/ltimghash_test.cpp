@@ -1,11 +1,6 @@
 //===- ltimghash_test.cpp - SHA-1 of streams against OpenSSL --------------===//
 #include "ltimghash.h"
 
-#include <random>
-#include <string>
-
-#include <gtest/gtest.h>
-
 #include "crypto_test_support.h"
 
 using namespace crypto_test;

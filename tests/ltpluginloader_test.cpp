@@ -9,15 +9,11 @@
 #include <string>
 #include <vector>
 
-namespace {
-
-std::vector<int> openModes;  // the mode of every dlopen call
-std::vector<void*> closed;   // the handle of every dlclose call
+static std::vector<int> openModes;  // the mode of every dlopen call
+static std::vector<void*> closed;   // the handle of every dlclose call
 
 template <typename Fn>
-Fn next(const char* name) { return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name)); }
-
-}  // namespace
+static Fn next(const char* name) { return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name)); }
 
 extern "C" void* dlopen(const char* path, int mode)
 {

@@ -2,11 +2,7 @@
 // ltrsa reads fixed key paths: each body runs in a child with a private key folder.
 #include "ltrsa.h"
 
-#include <cstdlib>
-#include <string>
 #include <utility>
-
-#include <gtest/gtest.h>
 
 #include "crypto_test_support.h"
 

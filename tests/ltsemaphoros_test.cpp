@@ -18,20 +18,11 @@
 #include <utility>
 #include <vector>
 
-namespace {
-
 using Lines = std::vector<std::pair<int, std::string>>;  // (priority, text)
-Lines logged;
+static Lines logged;
 
-}  // namespace
-
-#define LT_RECORD_LINE                                  \
-    char text[256];                                     \
-    va_list args;                                       \
-    va_start(args, format);                             \
-    vsnprintf(text, sizeof text, format, args);         \
-    va_end(args);                                       \
-    logged.emplace_back(priority, text)
+#define LT_RECORD_LINE \
+    char text[256]; va_list args; va_start(args, format); vsnprintf(text, sizeof text, format, args); va_end(args); logged.emplace_back(priority, text)
 
 extern "C" void syslog(int priority, const char* format, ...) { LT_RECORD_LINE; }
 extern "C" void __syslog_chk(int priority, int, const char* format, ...) { LT_RECORD_LINE; }  // fortified
