@@ -1,5 +1,4 @@
-// dlopen and dlclose are interposed: the test sees what the loader passes, and can load the
-// sample plug-in although glibc refuses the loader's mode 0.
+// dlopen and dlclose are interposed to record the loader's calls and to accept its mode 0.
 #include "ltpluginloader.h"
 
 #include <gtest/gtest.h>

@@ -31,11 +31,7 @@ namespace {
 
 // A name of this process's own, unlinked before and after use.
 struct UniqueName {
-    explicit UniqueName(const char* what) : name("/lt_test_" + std::to_string(getpid()) + what)
-    {
-        (void)sem_unlink(name.c_str());
-        logged.clear();
-    }
+    explicit UniqueName(const char* what) : name("/lt_test_" + std::to_string(getpid()) + what) { (void)sem_unlink(name.c_str()); logged.clear(); }
     ~UniqueName() { (void)sem_unlink(name.c_str()); }
     ltSemaPhoros object() const { return ltSemaPhoros(std::string(name)); }
     int value() const  // -1: no such semaphore

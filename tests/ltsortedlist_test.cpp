@@ -26,8 +26,7 @@ TEST(SortedListSearch, ReportsTheMatchOrTheInsertPosition)
     ltSortedList list(1, 4, 0, 4);
     bool found = true;
     unsigned char key = 10;
-    EXPECT_EQ(0, list.search(&key, &found));
-    EXPECT_FALSE(found);
+    EXPECT_TRUE(list.search(&key, &found) == 0 && !found);
     for (unsigned char v : {30, 10, 20, 10})  // the second 10 is refused, still with 0
         ASSERT_EQ(0, list.add(&v));
     EXPECT_EQ(0, list.add(nullptr));
@@ -79,8 +78,7 @@ TEST(SortedListGrowth, NonsenseSizesLeaveAnEmptyListThatStillWorks)
     EXPECT_TRUE(odd.add(bytes) == 0 && odd.capacity == 1);
     odd.remove(static_cast<void*>(nullptr)), odd.remove(INT_MIN), odd.remove(INT_MAX);
     bool found = true;
-    EXPECT_EQ(0, odd.search(nullptr, &found));
-    EXPECT_FALSE(found);
+    EXPECT_TRUE(odd.search(nullptr, &found) == 0 && !found);
     EXPECT_TRUE(odd[INT_MIN] == nullptr && odd[INT_MAX] == nullptr);
     EXPECT_TRUE(odd.expand(INT_MIN) == 0 && odd.count == 1);
     EXPECT_EQ(0, std::memcmp(odd[0], bytes, sizeof bytes));
