@@ -1,5 +1,4 @@
-// dlopen and dlclose are interposed: the test sees what the loader passes, and can load the
-// sample plug-in although glibc refuses the loader's mode 0.
+// dlopen and dlclose are interposed to record the loader's calls and to accept its mode 0.
 #include "ltpluginloader.h"
 
 #include <gtest/gtest.h>
@@ -9,15 +8,11 @@
 #include <string>
 #include <vector>
 
-namespace {
-
-std::vector<int> openModes;  // the mode of every dlopen call
-std::vector<void*> closed;   // the handle of every dlclose call
+static std::vector<int> openModes;  // the mode of every dlopen call
+static std::vector<void*> closed;   // the handle of every dlclose call
 
 template <typename Fn>
-Fn next(const char* name) { return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name)); }
-
-}  // namespace
+static Fn next(const char* name) { return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name)); }
 
 extern "C" void* dlopen(const char* path, int mode)
 {

@@ -60,8 +60,7 @@ TEST(PointerListStorage, FailedDoublingChangesNothingAndSizesPickTheForm)
     testing::internal::CaptureStdout();
     EXPECT_EQ(-12, full.addPointer(obj(kCapacity)));
     EXPECT_EQ("Not enough storage.\n", testing::internal::GetCapturedStdout());
-    EXPECT_EQ(kCapacity, full.getCurrentMaxEntries());
-    EXPECT_TRUE(full.getNEntries() == kCapacity && !full.hasPointer(obj(kCapacity)));
+    EXPECT_TRUE(full.getCurrentMaxEntries() == kCapacity && full.getNEntries() == kCapacity && !full.hasPointer(obj(kCapacity)));
     EXPECT_EQ(obj(kCapacity - 1), full.getPointer(kCapacity - 1));
 
     // {n, capacity}: n < 2 and sizes beyond the 16-bit field give the empty single form.
@@ -80,8 +79,7 @@ TEST(PointerListRemoval, ByIndexFollowsEachFormsRule)
     ltPointerList single;  // index 0 only, and only when occupied
     EXPECT_EQ(-1, single.removePointer(0));
     ASSERT_EQ(0, single.addPointer(obj(0)));
-    EXPECT_EQ(-1, single.removePointer(1));
-    EXPECT_EQ(0, single.removePointer(0));
+    EXPECT_TRUE(single.removePointer(1) == -1 && single.removePointer(0) == 0);
     expectSameContents(single, {});
 
     ltPointerList triple;  // index 1 and 2 refused although taken (kept behaviour)
@@ -131,15 +129,11 @@ TEST(PointerListRemoval, NullIsLookedForLikeAnyPointerOnEveryForm)
     ltPointerList array(4);
     EXPECT_EQ(-1, array.removePointer(nullptr));  // count 0
     fill(array, 3);
-    EXPECT_EQ(0, array.removePointer(nullptr));
-    EXPECT_EQ(2, array.getNEntries());  // one less, though all three pointers stay
+    EXPECT_TRUE(array.removePointer(nullptr) == 0 && array.getNEntries() == 2);  // one less, though all three stay
     ASSERT_EQ(0, array.addPointer(obj(3)));  // fills the free slot: count 3 of 4 slots taken
-    EXPECT_EQ(-1, array.removePointer(nullptr));  // no free slot
-    EXPECT_EQ(3, array.getNEntries());
-    // By its count there is room, yet every slot is taken: the add grows the array.
-    ASSERT_EQ(0, array.addPointer(obj(4)));
-    EXPECT_EQ(8, array.getCurrentMaxEntries());
-    EXPECT_EQ(4, array.getNEntries());  // still one less than it holds
+    EXPECT_TRUE(array.removePointer(nullptr) == -1 && array.getNEntries() == 3);  // no free slot
+    ASSERT_EQ(0, array.addPointer(obj(4)));  // room by its count, yet every slot is taken: it grows
+    EXPECT_TRUE(array.getCurrentMaxEntries() == 8 && array.getNEntries() == 4);  // still one less than it holds
     for (int i = 0; i < 5; ++i)
         EXPECT_EQ(obj(i), array.getPointer(i));
 }
@@ -149,8 +143,7 @@ TEST(PointerListTidy, CompactsTheTripleAndAFullFrontLosslessly)
     ltPointerList list;
     fill(list, 3);
     ASSERT_EQ(0, list.removePointer(obj(0)));
-    EXPECT_EQ(0, list.tidyUp(true));  // shrink has no effect on a triple
-    EXPECT_EQ(3, list.getCurrentMaxEntries());
+    EXPECT_TRUE(list.tidyUp(true) == 0 && list.getCurrentMaxEntries() == 3);  // shrink has no effect on a triple
     EXPECT_TRUE(list.getPointer(0) == obj(1) && list.getPointer(1) == obj(2));  // order kept, hole last
 
     // [1, 2, 0, 3, 4] in an array of 14: no hole before count, so shrinking loses nothing.
@@ -171,14 +164,10 @@ TEST(PointerListTidy, CompactsTheTripleAndAFullFrontLosslessly)
     EXPECT_EQ(obj(3), list.getPointer(3));
     // Shrinking cuts the block to count slots: B is dropped yet still counted (kept).
     EXPECT_EQ(0, list.tidyUp(true));
-    EXPECT_EQ(2, list.getCurrentMaxEntries());
-    EXPECT_EQ(2, list.getNEntries());
-    EXPECT_EQ(obj(0), list.getPointer(0));
-    EXPECT_FALSE(list.hasPointer(obj(3)));
-    // The over-counted array is full by its count, so the next add doubles it.
-    ASSERT_EQ(0, list.addPointer(obj(3)));
-    EXPECT_EQ(4, list.getCurrentMaxEntries());
-    EXPECT_EQ(obj(3), list.getPointer(2));
+    EXPECT_TRUE(list.getCurrentMaxEntries() == 2 && list.getNEntries() == 2);
+    EXPECT_TRUE(list.getPointer(0) == obj(0) && !list.hasPointer(obj(3)));
+    ASSERT_EQ(0, list.addPointer(obj(3)));  // full by its count: the add doubles it
+    EXPECT_TRUE(list.getCurrentMaxEntries() == 4 && list.getPointer(2) == obj(3));
 }
 
 }  // namespace

@@ -2,11 +2,7 @@
 // ltrsa reads fixed key paths: each body runs in a child with a private key folder.
 #include "ltrsa.h"
 
-#include <cstdlib>
-#include <string>
 #include <utility>
-
-#include <gtest/gtest.h>
 
 #include "crypto_test_support.h"
 
@@ -26,10 +22,8 @@ constexpr int kBlock = ltrsa::LTSIGNATURE_SIZE;  // a 2048-bit modulus
 std::string generateModulus(int bits)
 {
     std::string out;
-    if (runCommand("openssl genrsa " + std::to_string(bits) + " 2>/dev/null | openssl rsa -noout -modulus 2>/dev/null", &out) != 0 ||
-        out.compare(0, 8, "Modulus=") != 0)
-        return "";
-    return out.substr(8, out.find_last_not_of("\r\n") - 7);
+    const bool ok = runCommand("openssl genrsa " + std::to_string(bits) + " 2>/dev/null | openssl rsa -noout -modulus 2>/dev/null", &out) == 0;
+    return ok && out.compare(0, 8, "Modulus=") == 0 ? out.substr(8, out.find_last_not_of("\r\n") - 7) : "";
 }
 
 class RsaKeyFiles : public ::testing::Test {
@@ -112,8 +106,7 @@ TEST_F(RsaKeyFiles, ModeSelectsTheKeyFileAndItsLineFormat)
         EXPECT_FALSE(usableWith("E : 10001\nN : " + std::string(100, '0') + modulusHex + "\n"));
         EXPECT_TRUE(usableWith("E : 10001\nN : " + std::string(38, '0') + modulusHex + "\n"));
 
-        // A line longer than the buffer is read in pieces, each parsed as a line: an "N" field
-        // at offset 767 of a comment line counts.
+        // Long lines are read in 767-character pieces, each parsed as a line.
         const std::string pad(767, '#');
         EXPECT_TRUE(usableWith("E : 10001\n" + pad + "N : " + modulusHex + "\n"));
         EXPECT_FALSE(usableWith("E : 10001\n" + pad + "#N : " + modulusHex + "\n"));
@@ -138,9 +131,8 @@ TEST(RsaInvalidKey, ReportsAtLoadAndOnEveryUse)
             EXPECT_FALSE(rsa.encryptSignature(in.data(), out.data()));
             EXPECT_TRUE(out == Bytes(kBlock, 0xaa));
             const std::string log = testing::internal::GetCapturedStderr();
-            const std::string atLoad =
-                text == nullptr ? "Failed to open RSA key file " + kDevelop + "\n"
-                                : "Public key file did not contain all necessary key fields\n";
+            const std::string atLoad = text == nullptr ? "Failed to open RSA key file " + kDevelop + "\n"
+                                                       : "Public key file did not contain all necessary key fields\n";
             EXPECT_TRUE(hasDebugLine(log, "ltrsa.cpp", "ltrsa", atLoad)) << log;
             const std::string toStderr = "Error: Failed to open RSA key file '" + kDevelop + "' - aborting\n";
             EXPECT_EQ(text == nullptr, log.find(toStderr) != std::string::npos) << log;

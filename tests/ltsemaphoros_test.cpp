@@ -18,20 +18,11 @@
 #include <utility>
 #include <vector>
 
-namespace {
-
 using Lines = std::vector<std::pair<int, std::string>>;  // (priority, text)
-Lines logged;
+static Lines logged;
 
-}  // namespace
-
-#define LT_RECORD_LINE                                  \
-    char text[256];                                     \
-    va_list args;                                       \
-    va_start(args, format);                             \
-    vsnprintf(text, sizeof text, format, args);         \
-    va_end(args);                                       \
-    logged.emplace_back(priority, text)
+#define LT_RECORD_LINE \
+    char text[256]; va_list args; va_start(args, format); vsnprintf(text, sizeof text, format, args); va_end(args); logged.emplace_back(priority, text)
 
 extern "C" void syslog(int priority, const char* format, ...) { LT_RECORD_LINE; }
 extern "C" void __syslog_chk(int priority, int, const char* format, ...) { LT_RECORD_LINE; }  // fortified
@@ -40,11 +31,7 @@ namespace {
 
 // A name of this process's own, unlinked before and after use.
 struct UniqueName {
-    explicit UniqueName(const char* what) : name("/lt_test_" + std::to_string(getpid()) + what)
-    {
-        (void)sem_unlink(name.c_str());
-        logged.clear();
-    }
+    explicit UniqueName(const char* what) : name("/lt_test_" + std::to_string(getpid()) + what) { (void)sem_unlink(name.c_str()); logged.clear(); }
     ~UniqueName() { (void)sem_unlink(name.c_str()); }
     ltSemaPhoros object() const { return ltSemaPhoros(std::string(name)); }
     int value() const  // -1: no such semaphore

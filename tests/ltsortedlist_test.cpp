@@ -26,8 +26,7 @@ TEST(SortedListSearch, ReportsTheMatchOrTheInsertPosition)
     ltSortedList list(1, 4, 0, 4);
     bool found = true;
     unsigned char key = 10;
-    EXPECT_EQ(0, list.search(&key, &found));
-    EXPECT_FALSE(found);
+    EXPECT_TRUE(list.search(&key, &found) == 0 && !found);
     for (unsigned char v : {30, 10, 20, 10})  // the second 10 is refused, still with 0
         ASSERT_EQ(0, list.add(&v));
     EXPECT_EQ(0, list.add(nullptr));
@@ -38,8 +37,7 @@ TEST(SortedListSearch, ReportsTheMatchOrTheInsertPosition)
         EXPECT_EQ(key % 10 == 0, found) << "key " << +key;
         EXPECT_EQ((key - 5) / 10, list.search(&key, nullptr));  // found may be null
     }
-    EXPECT_EQ(nullptr, list[3]);  // operator[](count)
-    EXPECT_EQ(nullptr, list[-1]);
+    EXPECT_TRUE(list[3] == nullptr && list[-1] == nullptr);  // at count and below 0
 #if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
     ltSortedList words(sizeof(uint16_t), 2, 0, 2);  // the default compare orders bytes, not values
     for (uint16_t v : {0x0001, 0x0100})
@@ -73,44 +71,29 @@ TEST(SortedListGrowth, NonsenseSizesLeaveAnEmptyListThatStillWorks)
     unsigned char bytes[8] = {1, 2, 3, 4, 5, 6, 7, 8};
     for (int size : {0, -8}) {  // no records at all
         ltSortedList list(size, 4, 0, 4);
-        EXPECT_EQ(nullptr, list.array);
-        EXPECT_TRUE(list.add(bytes) == 0 && list.count == 0);
-        EXPECT_EQ(-12, list.expand(1));
+        EXPECT_TRUE(list.array == nullptr && list.add(bytes) == 0 && list.count == 0 && list.expand(1) == -12) << size;
     }
     ltSortedList odd(8, -3, 0, -100);  // no first block; growth below zero means "to what is asked"
     EXPECT_EQ(0, odd.capacity);
-    EXPECT_EQ(0, odd.add(bytes));
-    EXPECT_EQ(1, odd.capacity);
+    EXPECT_TRUE(odd.add(bytes) == 0 && odd.capacity == 1);
     odd.remove(static_cast<void*>(nullptr)), odd.remove(INT_MIN), odd.remove(INT_MAX);
     bool found = true;
-    EXPECT_EQ(0, odd.search(nullptr, &found));
-    EXPECT_FALSE(found);
+    EXPECT_TRUE(odd.search(nullptr, &found) == 0 && !found);
     EXPECT_TRUE(odd[INT_MIN] == nullptr && odd[INT_MAX] == nullptr);
-    EXPECT_EQ(0, odd.expand(INT_MIN));
-    EXPECT_EQ(1, odd.count);
+    EXPECT_TRUE(odd.expand(INT_MIN) == 0 && odd.count == 1);
     EXPECT_EQ(0, std::memcmp(odd[0], bytes, sizeof bytes));
 }
 
 // Records owning a heap copy of their text, keyed by an int; `live` counts the copies.
-struct Named {
-    int key;
-    char* text;
-};
+struct Named { int key; char* text; };
 int live = 0;
 
 struct NamedList : ltSortedList {
     NamedList() : ltSortedList(sizeof(Named), 2, 0, 2) {}
     ~NamedList() override { destroyArray(); }  // the base destructor cannot reach ours
 
-    int compare(const void* a, const void* b) const override
-    {
-        return static_cast<const Named*>(a)->key - static_cast<const Named*>(b)->key;  // small keys
-    }
-    void destroyElement(void* record) override
-    {
-        std::free(static_cast<Named*>(record)->text);
-        --live;
-    }
+    int compare(const void* a, const void* b) const override { return static_cast<const Named*>(a)->key - static_cast<const Named*>(b)->key; }
+    void destroyElement(void* record) override { std::free(static_cast<Named*>(record)->text), --live; }
     void copy(void* to, const void* from) override
     {
         static const Named zero{};

@@ -38,24 +38,20 @@ TEST(UriParsing, SplitsEachExampleAndComposesItBack)
         {"dvbt://plain/search?onid=1&tsid=2&sid=3", "dvbt", "plain", "search", {{"onid", "1"}, {"tsid", "2"}, {"sid", "3"}},
          "", "dvbt://plain/search?onid=1&tsid=2&sid=3"},
         // '#' belongs to file names; the scheme alone is lower-cased.
-        {"FILE:///mnt/usb/a#1.ts?position=10", "file", "", "/mnt/usb/a#1.ts", {{"position", "10"}}, "",
-         "file:///mnt/usb/a#1.ts?position=10"},
+        {"FILE:///mnt/usb/a#1.ts?position=10", "file", "", "/mnt/usb/a#1.ts", {{"position", "10"}}, "", "file:///mnt/usb/a#1.ts?position=10"},
         {"file:///a#b", "file", "", "/a#b", {}, "", "file:///a#b"}, {"s://#f", "s", "", "", {}, "f", "s://#f"},
         {"rtsp://a:554/x?id=5#top", "rtsp", "a:554", "x", {{"id", "5"}}, "top", "rtsp://a:554/x?id=5#top"},
         {"http://h/a#b.ts?x=1", "http", "h", "a", {}, "b.ts?x=1", "http://h/a#b.ts?x=1"},
         // Without "//" the character after ':' is skipped, whatever it is.
-        {"rec:/a/b", "rec", "", "a/b", {}, "", "rec://a/b"}, {"x:abc", "x", "", "bc", {}, "", "x://bc"},
-        {"x:a", "x", "", "", {}, "", "x://"}, {"x:", "x", "", "", {}, "", "x://"},
-        {"s:x?a&b=c", "s", "", "", {{"a&b", "c"}}, "", "s://?a&b=c"},
+        {"rec:/a/b", "rec", "", "a/b", {}, "", "rec://a/b"}, {"x:abc", "x", "", "bc", {}, "", "x://bc"}, {"x:a", "x", "", "", {}, "", "x://"},
+        {"x:", "x", "", "", {}, "", "x://"}, {"s:x?a&b=c", "s", "", "", {{"a&b", "c"}}, "", "s://?a&b=c"}, {":", "", "", "", {}, "", ":"},
         // A bare key with no later '=' ends the query: what follows is the fragment.
-        {"s://a/p?a&b", "s", "a", "p", {{"a", ""}}, "b", "s://a/p?a#b"},
-        {"s://a?k=v#x=1&y", "s", "a", "", {{"k", "v"}}, "x=1&y", "s://a?k=v#x=1&y"},
+        {"s://a/p?a&b", "s", "a", "p", {{"a", ""}}, "b", "s://a/p?a#b"}, {"s://a?k=v#x=1&y", "s", "a", "", {{"k", "v"}}, "x=1&y", "s://a?k=v#x=1&y"},
         {"s://a?k=v=w&=e&k2=", "s", "a", "", {{"k", "v=w"}, {"", "e"}, {"k2", ""}}, "", "s://a?k=v=w&=e&k2"},
-        {"s://a?k=1&j=2&k=3", "s", "a", "", {{"k", "3"}, {"j", "2"}}, "", "s://a?k=3&j=2"},
-        {":", "", "", "", {}, "", ":"}, {"s://", "s", "", "", {}, "", "s://"}, {"s:///", "s", "", "/", {}, "", "s:///"},
-        {"s:?", "s", "", "", {}, "", "s://"}, {"s:#", "s", "", "", {}, "", "s://"}, {"s://a?k", "s", "a", "", {{"k", ""}}, "", "s://a?k"},
-        {"s://?=&#", "s", "", "", {{"", ""}}, "", "s://?"}, {"s://a?k=1&", "s", "a", "", {{"k", "1"}}, "", "s://a?k=1"},
-        {"no-colon-text", "", "", "", {}, "", "no-colon-text"}, {"", "", "", "", {}, "", ""},
+        {"s://a?k=1&j=2&k=3", "s", "a", "", {{"k", "3"}, {"j", "2"}}, "", "s://a?k=3&j=2"}, {"s:?", "s", "", "", {}, "", "s://"},
+        {"s:#", "s", "", "", {}, "", "s://"}, {"s://", "s", "", "", {}, "", "s://"}, {"s:///", "s", "", "/", {}, "", "s:///"},
+        {"s://a?k", "s", "a", "", {{"k", ""}}, "", "s://a?k"}, {"s://?=&#", "s", "", "", {{"", ""}}, "", "s://?"},
+        {"s://a?k=1&", "s", "a", "", {{"k", "1"}}, "", "s://a?k=1"}, {"no-colon-text", "", "", "", {}, "", "no-colon-text"}, {"", "", "", "", {}, "", ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);
