@@ -1,4 +1,3 @@
-// The guard: messages and codes for misuse, and the mutex released exactly once.
 #include "ltguard.h"
 
 #include <gtest/gtest.h>
@@ -69,10 +68,7 @@ TEST(GuardScope, HoldsTheMutexOnceAndReleasesItExactlyOnce)
 TEST(GuardKinds, LocksTheMutexInsideEachKind)
 {
     ltMutex mutex;
-    {
-        ltGuard g(mutex);
-        EXPECT_FALSE(isFree(mutex.native()));
-    }
+    { ltGuard g(mutex); EXPECT_FALSE(isFree(mutex.native())); }
     EXPECT_TRUE(isFree(mutex.native()));
 
     pthread_mutex_t outside = PTHREAD_MUTEX_INITIALIZER;
@@ -84,8 +80,7 @@ TEST(GuardKinds, LocksTheMutexInsideEachKind)
         EXPECT_FALSE(isFree(&outside));  // the outside mutex wins when set
         EXPECT_FALSE(isFree(own.mutex()));
     }
-    EXPECT_TRUE(isFree(&outside));
-    EXPECT_TRUE(isFree(own.mutex()));
+    EXPECT_TRUE(isFree(&outside) && isFree(own.mutex()));
 }
 
 }  // namespace
