@@ -60,8 +60,7 @@ TEST(GuardScope, HoldsTheMutexOnceAndReleasesItExactlyOnce)
         EXPECT_EQ(-EINVAL, g.unlock());
     }
     const std::string err = GetCapturedStderr();
-    EXPECT_NE(std::string::npos, err.find("lock(): mutex lock failed\n"));
-    EXPECT_NE(std::string::npos, err.find("backtrace"));
+    EXPECT_TRUE(err.find("lock(): mutex lock failed\n") != err.npos && err.find("backtrace") != err.npos) << err;
     EXPECT_EQ(0, pthread_mutex_unlock(&m));  // still held exactly once, by us
 }
 

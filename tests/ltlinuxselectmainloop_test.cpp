@@ -93,8 +93,7 @@ TEST_F(SelectPass, OnlyDescriptorsSelectCanWatchAreDispatched)
     }
     EXPECT_EQ(std::vector<int>(300, id), calls.ids);
     dup2(savedStdin, 0);
-    for (int fd : {savedStdin, 200, FD_SETSIZE})
-        close(fd);
+    for (int fd : {savedStdin, 200, FD_SETSIZE}) close(fd);
     (void)setrlimit(RLIMIT_NOFILE, &limit);
 }
 
@@ -156,8 +155,7 @@ TEST(SelectWakeup, ManyWakeupsAreWrittenAsOneByte)
     EXPECT_EQ(1, pendingBytes(loop.pipeReadFd()));
 
     ltLinuxSelectMainLoop* single = ltLinuxSelectMainLoop::getMainLoop();
-    EXPECT_NE(nullptr, single);
-    EXPECT_EQ(single, ltLinuxSelectMainLoop::getMainLoop());
+    EXPECT_TRUE(single != nullptr && single == ltLinuxSelectMainLoop::getMainLoop());
 }
 
 // A persistent handle is dispatched on every pass until removed; a plain one after a rebuild.

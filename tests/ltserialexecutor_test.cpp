@@ -34,8 +34,7 @@ TEST(SerialExecutorOrder, JobsFromManyThreadsRunOneAtATimeInEachPostersOrder)
                 });
         });
     }
-    for (std::thread& t : posters)
-        t.join();
+    for (std::thread& t : posters) t.join();
     ASSERT_TRUE(ready(allRan.get_future().share()));
     EXPECT_EQ(0, faults.load());
 
