@@ -1,4 +1,3 @@
-//===- ltcalendartime_test.cpp - Date and time validation, zone round trip ===//
 #include "ltcalendartime.h"
 
 #include <climits>
@@ -12,7 +11,7 @@
 
 namespace {
 
-// Every test runs in UTC, so that mktime and localtime are plain calendar arithmetic.
+// In UTC, mktime and localtime are plain calendar arithmetic.
 [[maybe_unused]] const int kUtc = (setenv("TZ", "UTC", 1), tzset(), 0);
 
 // Days from 1970-01-01 to a proleptic Gregorian date, worked out independently of mktime.
@@ -101,8 +100,7 @@ TEST(CalendarZone, LtTimeRoundTripAppliesTheZoneOffsetAndSpecsOwnTheirName)
     ltCalendarTime back;
     EXPECT_EQ(1, back.setFromLtTime(t, ltTimeZoneSpec()));
 
-    // Zone specs copy their name.
-    ltTimeZoneSpec zone(5, 30);
+    ltTimeZoneSpec zone(5, 30);  // specs copy their name
     ASSERT_EQ(0, zone.name.assignFast(lvArg("IST")));
     ltTimeZoneSpec copy(zone), assigned;
     ASSERT_EQ(0, assigned.name.assignFast(lvArg("old name")));

@@ -1,4 +1,3 @@
-// The guard: messages and codes for misuse, and the mutex released exactly once.
 #include "ltguard.h"
 
 #include <gtest/gtest.h>
@@ -61,18 +60,14 @@ TEST(GuardScope, HoldsTheMutexOnceAndReleasesItExactlyOnce)
         EXPECT_EQ(-EINVAL, g.unlock());
     }
     const std::string err = GetCapturedStderr();
-    EXPECT_NE(std::string::npos, err.find("lock(): mutex lock failed\n"));
-    EXPECT_NE(std::string::npos, err.find("backtrace"));
+    EXPECT_TRUE(err.find("lock(): mutex lock failed\n") != err.npos && err.find("backtrace") != err.npos) << err;
     EXPECT_EQ(0, pthread_mutex_unlock(&m));  // still held exactly once, by us
 }
 
 TEST(GuardKinds, LocksTheMutexInsideEachKind)
 {
     ltMutex mutex;
-    {
-        ltGuard g(mutex);
-        EXPECT_FALSE(isFree(mutex.native()));
-    }
+    { ltGuard g(mutex); EXPECT_FALSE(isFree(mutex.native())); }
     EXPECT_TRUE(isFree(mutex.native()));
 
     pthread_mutex_t outside = PTHREAD_MUTEX_INITIALIZER;
@@ -84,8 +79,7 @@ TEST(GuardKinds, LocksTheMutexInsideEachKind)
         EXPECT_FALSE(isFree(&outside));  // the outside mutex wins when set
         EXPECT_FALSE(isFree(own.mutex()));
     }
-    EXPECT_TRUE(isFree(&outside));
-    EXPECT_TRUE(isFree(own.mutex()));
+    EXPECT_TRUE(isFree(&outside) && isFree(own.mutex()));
 }
 
 }  // namespace

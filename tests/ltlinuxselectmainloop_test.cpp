@@ -1,5 +1,4 @@
-// The select pass: dispatch, sets refilled only after a change, descriptors select() cannot
-// watch, wake-ups collapsed into one byte, persistent handles, run() and quit().
+// The select pass: dispatch, set rebuilds, unwatchable descriptors, wake-ups, run() and quit().
 #include "ltlinuxselectmainloop.h"
 
 #include <gtest/gtest.h>
@@ -12,6 +11,7 @@
 #include <chrono>
 #include <future>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "drivenloop.h"
@@ -40,29 +40,23 @@ int onReady(int id, int /*fd*/, void* user)
 {
     auto* c = static_cast<Calls*>(user);
     c->ids.push_back(id);
-    if (c->addFd >= 0) {
-        c->addedId = c->loop->doAddIOHandle(handleRead, handleNoFlags, c->addFd, onReady, c);
-        c->addFd = -1;
-    }
+    if (c->addFd >= 0)
+        c->addedId = c->loop->doAddIOHandle(handleRead, handleNoFlags, std::exchange(c->addFd, -1), onReady, c);
     return 0;
 }
 
 class SelectPass : public ::testing::Test {
 protected:
-    int watch(int fd, handleType_t type = handleRead)
-    {
-        return loop.doAddIOHandle(type, handleNoFlags, fd, onReady, &calls);
-    }
+    int watch(int fd, handleType_t type = handleRead) { return loop.doAddIOHandle(type, handleNoFlags, fd, onReady, &calls); }
     void change() { loop.removeIOHandle(watch(-9)); }  // the next pass rebuilds the sets
 
     DrivenLoop loop;
     Calls calls;
 };
 
-// Descriptors outside 0 .. FD_SETSIZE - 1 are stored but never watched, dispatched or counted
-// for nfds; type 3 is counted, never watched. The passes outrun the byte-wide handle generation,
-// so it meets the stamp of handles no rebuild stamped; descriptor 0 watched for writing makes
-// a bit read just past a read set likely to be set.
+// Descriptors outside 0 .. FD_SETSIZE - 1 are stored, never watched or counted for nfds; type 3
+// is counted, never watched. 300 passes outrun the byte-wide handle generation; fd 0 watched for
+// writing sets a bit just past a read set.
 TEST_F(SelectPass, OnlyDescriptorsSelectCanWatchAreDispatched)
 {
     rlimit limit;
@@ -99,20 +93,13 @@ TEST_F(SelectPass, OnlyDescriptorsSelectCanWatchAreDispatched)
     }
     EXPECT_EQ(std::vector<int>(300, id), calls.ids);
     dup2(savedStdin, 0);
-    for (int fd : {savedStdin, 200, FD_SETSIZE})
-        close(fd);
+    for (int fd : {savedStdin, 200, FD_SETSIZE}) close(fd);
     (void)setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 struct Handle : ltIOHandleReceiver {
     int calls = 0;
-    int ioReady(int, int fd) override
-    {
-        char byte;
-        EXPECT_EQ(1, read(fd, &byte, 1));
-        ++calls;
-        return 0;
-    }
+    int ioReady(int, int fd) override { char byte; EXPECT_EQ(1, read(fd, &byte, 1)); return ++calls, 0; }
 };
 
 struct Member : ltMainLoopMember {
@@ -120,8 +107,8 @@ struct Member : ltMainLoopMember {
     int processNextEvent() override { return ++calls % 4 == 0 ? 1 : 0; }
 };
 
-// Ready descriptors are dispatched only from sets rebuilt after a change of the table; a handle
-// a callback adds waits for that rebuild. Members run until idle on every pass until removed.
+// Ready descriptors are dispatched only from sets rebuilt after a change (a handle a callback
+// adds waits for it). Members run until idle on every pass until removed.
 TEST_F(SelectPass, DescriptorsAreDispatchedFromSetsRebuiltAfterAChange)
 {
     Member member;
@@ -130,11 +117,8 @@ TEST_F(SelectPass, DescriptorsAreDispatchedFromSetsRebuiltAfterAChange)
     Pipe a, b, c;
     Handle handle;
     ASSERT_NE(0, loop.addObjectIOHandle(handleRead, c.r, &handle));
-    a.put();
-    b.put();
-    c.put();
-    calls.loop = &loop;
-    calls.addFd = b.r;
+    a.put(), b.put(), c.put();
+    calls.loop = &loop, calls.addFd = b.r;
     const int first = watch(a.r);
     loop.pass();  // rebuilt: a dispatched, b added but not yet in the sets
     ASSERT_EQ(std::vector<int>{first}, calls.ids);
@@ -161,7 +145,6 @@ TEST(SelectWakeup, ManyWakeupsAreWrittenAsOneByte)
     DrivenLoop loop(/*started=*/false);
     loop.wakeupEventLoop();  // before exec(): nothing is written
     EXPECT_EQ(0, pendingBytes(loop.pipeReadFd()));
-
     loop.begin();
     for (int i = 0; i < 10; ++i)
         loop.wakeupEventLoop();
@@ -172,8 +155,7 @@ TEST(SelectWakeup, ManyWakeupsAreWrittenAsOneByte)
     EXPECT_EQ(1, pendingBytes(loop.pipeReadFd()));
 
     ltLinuxSelectMainLoop* single = ltLinuxSelectMainLoop::getMainLoop();
-    EXPECT_NE(nullptr, single);
-    EXPECT_EQ(single, ltLinuxSelectMainLoop::getMainLoop());
+    EXPECT_TRUE(single != nullptr && single == ltLinuxSelectMainLoop::getMainLoop());
 }
 
 // A persistent handle is dispatched on every pass until removed; a plain one after a rebuild.
@@ -186,13 +168,11 @@ TEST_F(SelectPass, PersistentHandleIsDispatchedOnEveryPassUntilRemoved)
     ASSERT_NE(0, keptId);
     EXPECT_EQ(0, loop.addPersistentIOHandle(handleRead, -1, onReady, &kept));
     ASSERT_NE(0, loop.addPersistentIOHandle(handleRead, FD_SETSIZE, onReady, &kept));  // never watched
-    plainPipe.put();
-    keptPipe.put();  // neither is read: both stay ready
+    plainPipe.put(), keptPipe.put();  // neither is read: both stay ready
     loop.pass();     // rebuilt: both
     loop.pass();     // no change: the persistent one only
     EXPECT_LT(loop.state.highestFd, FD_SETSIZE);
-    {
-        // Another loop's rebuild moves the process-wide handle generation on.
+    {  // another loop's rebuild moves the process-wide handle generation on
         DrivenLoop other;
         Pipe otherPipe;
         Calls otherCalls;
@@ -211,19 +191,14 @@ TEST_F(SelectPass, PersistentHandleIsDispatchedOnEveryPassUntilRemoved)
     EXPECT_EQ(2u, calls.ids.size());
 }
 
-struct Nested {
-    ltLinuxSelectMainLoop* loop;
-    int result;
-};
+struct Nested { ltLinuxSelectMainLoop* loop; int result; };
 
 TEST(RunAndQuit, RunReturnsAfterQuitFromAnyThreadWhileExecIgnoresIt)
 {
     DrivenLoop loop(false);
-    // A request made before run() is kept: run() returns after one pass, and consumes it.
-    loop.quit();
+    loop.quit();  // kept until run(): it returns after one pass and consumes it
     EXPECT_EQ(0, loop.run());
-    // From a callback on the loop thread. Were the request above still kept, run() would
-    // return after its first pass, before the timer fires.
+    // From a callback on the loop thread (a request still kept would end run() before it fires).
     Nested nested = {&loop, 1};
     ASSERT_NE(0, loop.addOneShotTimer(ltTime(0, 100000), [](int, const ltTime&, void* p) {
         auto* n = static_cast<Nested*>(p);
@@ -233,8 +208,7 @@ TEST(RunAndQuit, RunReturnsAfterQuitFromAnyThreadWhileExecIgnoresIt)
     }, &nested));
     EXPECT_EQ(0, loop.run());
     EXPECT_EQ(-1, nested.result);
-    // From another thread, to a run() blocked in select(): first a timer added from there wakes
-    // it and fires on the loop thread, then quit().
+    // From another thread to a run() blocked in select(): a timer added there fires on the loop thread.
     std::thread::id runner;
     std::future<int> running = std::async(std::launch::async, [&] {
         runner = std::this_thread::get_id();
@@ -255,8 +229,7 @@ TEST(RunAndQuit, RunReturnsAfterQuitFromAnyThreadWhileExecIgnoresIt)
 
     // exec() ignores the request: it still fires a timer added after it.
     auto* forever = new DrivenLoop(false);  // exec() never returns: the loop outlives the test
-    std::thread([forever] { forever->exec(); }).detach();
-    forever->quit();
+    std::thread([forever] { forever->exec(); }).detach(), forever->quit();
     std::promise<void> fired;
     ASSERT_NE(0, forever->addOneShotTimer(ltTime(0, 100000), [](int, const ltTime&, void* p) {
         static_cast<std::promise<void>*>(p)->set_value();

@@ -1,5 +1,4 @@
-// The loop core, driven without select(): flag rules, the next wake-up, timers firing in slot
-// order and re-arming from now, callbacks changing the tables, the walk without the timer index.
+// The loop core driven without select(): timer flags, firing order, re-arming, the next wake-up.
 #include "ltabstractmainloop.h"
 
 #include <gtest/gtest.h>
@@ -22,16 +21,8 @@ struct CoreLoop : ltAbstractMainLoop {
     std::atomic<int> wakeups{0};
     void wakeupEventLoop() override { ++wakeups; }
     void exec() override {}
-    void setNow(const ltTime& t)
-    {
-        lt_internal::MutexLock lock(timerMutex_);
-        now_ = t;
-    }
-    void fireAt(const ltTime& t)  // as a pass that read t from the clock
-    {
-        setNow(t);
-        processTimeouts();
-    }
+    void setNow(const ltTime& t) { lt_internal::MutexLock lock(timerMutex_); now_ = t; }
+    void fireAt(const ltTime& t) { setNow(t), processTimeouts(); }  // a pass that read t
     TimerEntry& timer(int idOrSlot) { return *static_cast<TimerEntry*>(timers_.slotFor(idOrSlot)); }
     ltTime walkEarliest()  // of the armed slots (second 0 is the free key)
     {
@@ -44,7 +35,7 @@ struct CoreLoop : ltAbstractMainLoop {
     using ltAbstractMainLoop::timers_;
 };
 
-// Records each firing, as a callback or as a receiver, then runs 'then' (no mutex is held).
+// Records each firing, then runs 'then' (no mutex is held).
 struct Recorder : ltTimerReceiver {
     std::vector<int> ids;
     std::vector<ltTime> expiries;
@@ -52,8 +43,7 @@ struct Recorder : ltTimerReceiver {
     void clear() { ids.clear(), expiries.clear(); }
     int timerExpired(int id, const ltTime& expiry) override
     {
-        ids.push_back(id);
-        expiries.push_back(expiry);
+        ids.push_back(id), expiries.push_back(expiry);
         if (then)
             then(id);
         return 0;
@@ -64,12 +54,7 @@ int record(int id, const ltTime& expiry, void* user) { return static_cast<Record
 
 ltTime mono() { return lt_internal::monotonicNow(); }
 
-ltTime wallIn(int seconds)
-{
-    ltTime t = lt_internal::wallClockNow();
-    t.sec += seconds;
-    return t;
-}
+ltTime wallIn(int seconds) { return ltTimeAdd(lt_internal::wallClockNow(), ltTime(seconds, 0)); }
 
 int slotOf(int id) { return id & ((1 << 14) - 1); }  // ids carry a generation above the slot
 
@@ -105,9 +90,8 @@ TEST(TimerFlagRules, RefusedCombinationsAddNothingAndTheEndsOfTheRangeAreAccepte
     loop.fireAt(mono());
 }
 
-// A callback renews the cached now (as adding a relative timer does) and adds due timers that
-// grow the table under the pass: later slots see the new now; a timer added behind the pass,
-// or beyond the capacity it started with, waits for the next one.
+// A callback renews the cached now and grows the table under the pass: later slots see the new
+// now; a timer added behind the pass, or beyond the capacity it started with, waits.
 TEST(TimerFiring, CallbacksRenewingNowAndGrowingTheTableCountForLaterSlots)
 {
     CoreLoop loop;
@@ -134,10 +118,8 @@ TEST(TimerFiring, CallbacksRenewingNowAndGrowingTheTableCountForLaterSlots)
     EXPECT_EQ(ltTimeAdd(now, ltTime(25, 0)), loop.getNextWakeupTime());  // re-armed from the new now
 }
 
-// The loop answers as a walk over its table: the earliest armed expiry is the next wake-up;
-// each armed slot not later than now fires once, in slot order, seeing its old expiry; one-shots
-// leave, periodic ones re-arm at now + period. Nows around second 0 and below it, so that
-// re-armed expiries land in second 0 and at negative times.
+// Against a walk over the table: the earliest armed expiry is the next wake-up; each due slot fires
+// once in slot order; one-shots leave, periodic ones re-arm at now + period (nows around 0).
 TEST(TimerFiring, LoopAnswersAsAWalkOverItsTable)
 {
     std::mt19937 random(17);
@@ -154,7 +136,7 @@ TEST(TimerFiring, LoopAnswersAsAWalkOverItsTable)
                 period.usec = -period.usec;  // keep the normal form
             if (random() % 4 == 0)
                 period = ltTime::noTime;
-            // First expiry at a monotonic time of a few seconds either side of 0, never in second 0.
+            // First expiry a few monotonic seconds either side of 0, never in second 0.
             ltTime at(static_cast<int32_t>(random() % 3) + 1, 400000);
             if (random() % 2 == 0)
                 at = ltTime(-at.sec, -at.usec);
@@ -170,8 +152,7 @@ TEST(TimerFiring, LoopAnswersAsAWalkOverItsTable)
             ids.erase(ids.begin() + static_cast<long>(k));
         } else {
             const ltTime now = near(4);
-            // The walk, on a copy of the table taken before the pass.
-            std::vector<int> due;
+            std::vector<int> due;  // the walk, on a copy of the table taken before the pass
             std::vector<TimerEntry> before;
             int oneShots = 0;
             for (int i = 0; i < loop.timers_.capacity; ++i) {
@@ -198,8 +179,7 @@ TEST(TimerFiring, LoopAnswersAsAWalkOverItsTable)
     }
 }
 
-// An entry put into the table directly leaves the index behind, as a growth that finds no memory
-// for it does: the loop walks the table, with the same firings and wake-up.
+// An entry put into the table directly leaves the index behind (as a failed growth does).
 TEST(TimerFiring, WalkWithoutTheIndexFiresWhatTheIndexWould)
 {
     CoreLoop loop;
@@ -212,8 +192,7 @@ TEST(TimerFiring, WalkWithoutTheIndexFiresWhatTheIndexWould)
     }
     TimerEntry extra = {ltTimeAdd(mono(), ltTime(500, 0)), ltTime::noTime, &r, record, 0};
     const int extraId = loop.timers_.putMember(&extra);
-    ASSERT_NE(0, extraId);
-    ASSERT_EQ(128, loop.timers_.capacity);
+    ASSERT_TRUE(extraId != 0 && loop.timers_.capacity == 128);
     loop.timer(extraId).id = extraId;
     loop.removeTimer(pending[5]);  // a free slot among the armed ones
     pending.erase(pending.begin() + 5);
@@ -245,22 +224,20 @@ TEST(OneShotTimer, FiresOnceADelayAfterTheAddOnTheMonotonicClock)
     CoreLoop loop;
     Recorder r;
     EXPECT_EQ(0, loop.addOneShotTimer(ltTime::noTime, record, &r));
-    const ltTime before = mono();
-    const int id = loop.addOneShotTimer(ltTime(1, 500000), record, &r);
+    const ltTime before = mono(), delay(1, 500000);
+    const int id = loop.addOneShotTimer(delay, record, &r);
     const ltTime after = mono();
     ASSERT_NE(0, id);
     EXPECT_EQ(1, loop.wakeups.load());
     const ltTime due = loop.getNextWakeupTime();
-    EXPECT_TRUE(ltTimeNotAfter(ltTimeAdd(before, ltTime(1, 500000)), due));
-    EXPECT_TRUE(ltTimeNotAfter(due, ltTimeAdd(after, ltTime(1, 500000))));
+    EXPECT_TRUE(ltTimeNotAfter(ltTimeAdd(before, delay), due) && ltTimeNotAfter(due, ltTimeAdd(after, delay)));
 
     loop.fireAt(ltTimeAdd(due, ltTime(0, -1)));
     EXPECT_TRUE(r.ids.empty());
     loop.fireAt(due);
     loop.fireAt(ltTimeAdd(due, ltTime(10, 0)));
-    ASSERT_EQ(1u, r.ids.size());  // once: it left the table when it fired
-    EXPECT_EQ(id, r.ids[0]);
-    EXPECT_EQ(due, r.expiries[0]);
+    EXPECT_EQ(std::vector<int>{id}, r.ids);  // once: it left the table when it fired
+    EXPECT_EQ(std::vector<ltTime>{due}, r.expiries);
     EXPECT_EQ(0, loop.timers_.count);
 
     // Removed, it never fires; a receiver is called without a callback; a delay <= 0 is due.

@@ -1,4 +1,3 @@
-//===- ltscopetimer_test.cpp - Scope timers reporting to meters -----------===//
 #include "ltscopetimer.h"
 
 #include <cstdlib>
@@ -19,11 +18,7 @@ bool operator==(const timespec& a, const timespec& b) { return a.tv_sec == b.tv_
 bool notBefore(const timespec& a, const timespec& b) { return a.tv_sec > b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec >= b.tv_nsec); }
 bool isDuration(const timespec& d) { return d.tv_sec >= 0 && d.tv_nsec >= 0 && d.tv_nsec < 1000000000; }
 
-void feed(ltScopeMeter& meter, std::initializer_list<timespec> durations)
-{
-    for (const timespec& d : durations)
-        meter.scopeDurationMeasured(&d);
-}
+void feed(ltScopeMeter& m, std::initializer_list<timespec> ds) { for (const timespec& d : ds) m.scopeDurationMeasured(&d); }
 
 TEST(ScopeMeterTotal, CarriesOnlyAboveOneSecondAndFillsWhatIsAskedFor)
 {
@@ -34,8 +29,7 @@ TEST(ScopeMeterTotal, CarriesOnlyAboveOneSecondAndFillsWhatIsAskedFor)
     feed(meter, {ts(0, 500000000)});
     EXPECT_TRUE(meter.total == ts(1, 500000000));
     feed(meter, {ts(2, 700000000)});
-    EXPECT_TRUE(meter.total == ts(4, 200000000));
-    EXPECT_TRUE(meter.last == ts(2, 700000000));
+    EXPECT_TRUE(meter.total == ts(4, 200000000) && meter.last == ts(2, 700000000));
 
     timespec total = ts(-1, -1), first = ts(-1, -1), second = ts(-1, -1);
     meter.getTimers(nullptr, nullptr);  // nothing to fill, nothing to crash on
@@ -46,8 +40,7 @@ TEST(ScopeMeterTotal, CarriesOnlyAboveOneSecondAndFillsWhatIsAskedFor)
     EXPECT_TRUE(notBefore(second, first));  // the same reset time, a later clock reading
 
     meter.resetTimers();
-    EXPECT_TRUE(meter.total == ts(0, 0));
-    EXPECT_TRUE(meter.last == ts(0, 0));
+    EXPECT_TRUE(meter.total == ts(0, 0) && meter.last == ts(0, 0));
 
     using lt_internal::scopeElapsed;  // a difference borrows one second
     EXPECT_TRUE(scopeElapsed(ts(3, 100), ts(5, 900)) == ts(2, 800));
@@ -81,8 +74,7 @@ TEST(ScopeMeterTotal, CarriesOnlyAboveOneSecondAndFillsWhatIsAskedFor)
 template <class T>
 std::string printed(T&& meterOrTimer)
 {
-    testing::internal::CaptureStderr();
-    meterOrTimer.print();
+    testing::internal::CaptureStderr(), meterOrTimer.print();
     return testing::internal::GetCapturedStderr();
 }
 

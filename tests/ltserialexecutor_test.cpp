@@ -12,10 +12,7 @@
 
 namespace {
 
-bool ready(const std::shared_future<void>& f)  // every wait is bounded
-{
-    return f.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
-}
+bool ready(const std::shared_future<void>& f) { return f.wait_for(std::chrono::seconds(10)) == std::future_status::ready; }
 
 TEST(SerialExecutorOrder, JobsFromManyThreadsRunOneAtATimeInEachPostersOrder)
 {
@@ -37,8 +34,7 @@ TEST(SerialExecutorOrder, JobsFromManyThreadsRunOneAtATimeInEachPostersOrder)
                 });
         });
     }
-    for (std::thread& t : posters)
-        t.join();
+    for (std::thread& t : posters) t.join();
     ASSERT_TRUE(ready(allRan.get_future().share()));
     EXPECT_EQ(0, faults.load());
 
@@ -76,8 +72,7 @@ TEST(SerialExecutorShutdown, RunningJobFinishesAndQueuedJobsAreDroppedUncalled)
         started.set_value();
         if (!ready(f))
             return;
-        // Let the destructor set its stop flag (ordering only; nothing is measured).
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));  // the destructor sets its stop flag
         serial->post([&, token] { ++droppedJobsRun; });  // posted after shutdown began
         longJobFinished = true;
     });

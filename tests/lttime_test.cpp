@@ -1,4 +1,3 @@
-// Time arithmetic: the normalising difference and sum, and noTime.
 #include "lttime.h"
 
 #include <gtest/gtest.h>

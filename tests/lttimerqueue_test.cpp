@@ -61,8 +61,7 @@ TEST(TimerQueueOrder, PositionsRescheduleRemovalAndDrainFollowTheModel)
     ltTimerQueue q;
     const _cspOsalTime_struct now = at(100);
     TimerPtr periodic, oneShot, exact, o;
-    EXPECT_EQ(-2, q.removeTimer(o));  // an empty pointer is in no q
-    EXPECT_FALSE(q.isInQueue(o));
+    EXPECT_TRUE(q.removeTimer(o) == -2 && !q.isInQueue(o));  // an empty pointer is in no queue
     q.setTimer(periodic, at(96, 500000000), at(1));  // 3.5 s behind 'now'
     q.setTimer(oneShot, at(99), at(-1, 500000000));  // minus half a second: one-shot
     q.setTimer(exact, now, at(2, -1750000000));      // normalises to 0.25 s; due at 'now'
@@ -70,8 +69,7 @@ TEST(TimerQueueOrder, PositionsRescheduleRemovalAndDrainFollowTheModel)
     for (int i = 0; i < 10 && q.getExpired(now, o) == 1; ++i)
         fired.push_back(o);
     EXPECT_EQ((std::vector<TimerPtr>{periodic, oneShot, exact}), fired);  // once each
-    EXPECT_EQ(100, periodic->getTimeout().sec);  // the next boundary strictly after 'now'
-    EXPECT_EQ(500000000, periodic->getTimeout().nsec);
+    EXPECT_TRUE(periodic->getTimeout().sec == 100 && periodic->getTimeout().nsec == 500000000);  // next boundary after 'now'
     EXPECT_EQ(250000000, exact->getTimeout().nsec);
     EXPECT_EQ(2, exact->getPeriod().sec);  // the stored period is left as it was set
     EXPECT_TRUE(periodic->isActive() && exact->isActive() && !oneShot->isActive());
@@ -86,8 +84,7 @@ TEST(TimerQueueOrder, PositionsRescheduleRemovalAndDrainFollowTheModel)
     EXPECT_TRUE(held.expired());
     EXPECT_FALSE(exact->isActive());
     o = exact;
-    EXPECT_EQ(0, q.getFirst(o));  // an empty q empties 'o'
-    EXPECT_FALSE(o);
+    EXPECT_TRUE(q.getFirst(o) == 0 && !o);  // an empty queue empties 'o'
 }
 
 }  // namespace

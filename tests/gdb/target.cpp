@@ -1,16 +1,5 @@
-//===- target.cpp - A process in a known state, for the debugger scripts ---===//
-//
-// First runs every step of the library's road once (a post, a refused post, a dispatch, a TTL
-// expiry, a lethal time, loop passes with descriptor callbacks, an executor job, a timer-queue
-// expiry), then sets up a loop and a queue in a state known to the last field and stops in
-// lt_gdb_checkpoint(), called by a handler in the middle of a dispatch, with events claimed,
-// queued and put back. The gdb scripts beside this file stop there and compare what the
-// extension prints with what lt_gdb_target records.
-//
-// The main thread is the loop thread: it drives the loop's passes itself and never waits in
-// select() (each pass is woken first). Only the executor has a thread of its own.
-//
-//===----------------------------------------------------------------------===//
+// A process stopped in a known state for the debugger scripts: it first runs every probed step
+// once, then stops in lt_gdb_checkpoint() mid-dispatch; the main thread drives the loop passes.
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -32,7 +21,7 @@
 #include "lttimerqueue.h"
 #include "lturi.h"
 
-// What the scripts check against; filled in by main() before the checkpoint.
+// What the scripts check against.
 struct TargetState {
     ltLinuxSelectMainLoop* loop;
     ltEventQueue* queue;
@@ -58,34 +47,22 @@ extern "C" __attribute__((noinline, used)) void lt_gdb_checkpoint()
 
 namespace {
 
-// A loop whose passes main() runs one at a time.
 class TargetLoop : public ltLinuxSelectMainLoop {
 public:
     TargetLoop() { beginExec(state_); }
-    // One pass that does not block: a wake-up is pending, or written now.
-    void pass()
-    {
-        wakeupEventLoop();
-        runOnePass(state_);
-    }
+    void pass() { wakeupEventLoop(), runOnePass(state_); }  // never blocks: a wake-up is pending
 
 private:
     PassState state_;
 };
 
-class Receiver : public ltTimerReceiver {
-public:
+struct Receiver : ltTimerReceiver {
     int timerExpired(int, const ltTime&) override { return 0; }
-};
-Receiver receiver;
+} receiver;
 
 int onTick(int, const ltTime&, void*) { return 0; }
 int onAlarm(int, const ltTime&, void*) { return 0; }
-int onReadable(int, int fd, void*)
-{
-    char byte;
-    return static_cast<int>(read(fd, &byte, 1));
-}
+int onReadable(int, int fd, void*) { char byte; return static_cast<int>(read(fd, &byte, 1)); }
 int onWritable(int, int, void*) { return 0; }
 
 int keep(ltEventQueue&, ltEvent*, int, void*) { return 0; }
@@ -109,14 +86,9 @@ ltEvent* event(unsigned key1, unsigned key2, const char* data, unsigned short pr
     return e;
 }
 
-bool fail(const char* what)
-{
-    std::fprintf(stderr, "target: %s\n", what);
-    return false;
-}
+bool fail(const char* what) { return std::fprintf(stderr, "target: %s\n", what), false; }
 
-// Every probe point once, on a queue and a loop left as they were found (no handler, no
-// event, no timer).
+// Every probe point once, leaving the queue and the loop as they were found.
 bool runTheRoad(TargetLoop& loop, ltEventQueue& queue)
 {
     (void)queue.addEventHandlerFunction(passOn, key1Is(0x10), nullptr, 0, 0);  // not persistent
@@ -154,15 +126,13 @@ int main()
     ltLinuxSelectMainLoop::singleton_ = loop;  // what getMainLoop() and the scripts find
     ltEventQueue& queue = *new ltEventQueue(*loop);
     TargetState& s = lt_gdb_target;
-    s.loop = loop;
-    s.queue = &queue;
+    s.loop = loop, s.queue = &queue;
     s.memberId = loop->registerMainLoopMember(queue);
 
     int pipeFds[2];
     if (pipe(pipeFds) != 0 || write(pipeFds[1], "x", 1) != 1)
         return 1;
-    s.readFd = pipeFds[0];
-    s.writeFd = pipeFds[1];
+    s.readFd = pipeFds[0], s.writeFd = pipeFds[1];
     s.readHandle = loop->addIOHandle(handleRead, s.readFd, onReadable, nullptr);
     s.writeHandle = loop->addIOHandle(handleWrite, s.writeFd, onWritable, nullptr);
     if (!runTheRoad(*loop, queue))
@@ -214,8 +184,7 @@ int main()
     (void)queue.post(*s.e1, 0);
     (void)queue.post(*s.e2, 0);
     (void)queue.post(*s.e3, 5000);
-    // Called directly, not by a pass: no timer fires first, so e3's TTL and c's lethal time
-    // stay armed. e1, e2 and e3 are claimed in one batch; b stops in e1's dispatch.
+    // Not by a pass: no timer fires first, so e3's TTL and c's lethal time stay armed.
     (void)queue.processNextEvent();
     return 0;
 }
