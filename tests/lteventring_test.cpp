@@ -37,7 +37,8 @@ TEST(EventRingModel, KeepsArrivalOrderBehindTheSkippedAndGrowsLikeAPlainVector)
         const unsigned op = random() % 12;
         if (op < 5) {  // push
             owned.emplace_back(newEvent(static_cast<unsigned>(step)));
-            ASSERT_EQ(0, ring.reserveFor(ring.size()));
+            // With claimed events counted the room is made early: straightened before it wraps.
+            ASSERT_EQ(0, ring.reserveFor(ring.size() + (withSkipped ? static_cast<int>(random() % 3) : 0)));
             ring.push(owned.back().get());
             model.push_back(owned.back().get());
             ASSERT_EQ(0, plain.add(*owned.back()));
