@@ -642,11 +642,12 @@ unsigned long long ltEventQueue::addEventHandlerFunction(ltEventHandlerCallback 
         errno = ENOMEM;
         return kNoId;
     }
-    const Ext* x = Ext::of(*this);
-    if (lethalMs != 0 && x != nullptr && x->monotonic.load(std::memory_order_relaxed))
-        h->setLethalTime(intervalFromMs(lethalMs));  // a duration from addEventHandler()
-    else if (lethalMs != 0)
-        h->setLethalTime(ltTimeAdd(getKnownTime(), ltTimeFromMs(static_cast<int>(lethalMs))));
+    if (lethalMs != 0) {
+        const Ext* x = Ext::of(*this);
+        h->setLethalTime(x != nullptr && x->monotonic.load(std::memory_order_relaxed)
+                             ? intervalFromMs(lethalMs)  // a duration from addEventHandler()
+                             : ltTimeAdd(getKnownTime(), ltTimeFromMs(static_cast<int>(lethalMs))));
+    }
     const unsigned long long id = addEventHandler(0, h);
     if (id == kNoId) {
         h->flags &= ~ltEventHandler::kOwnsMask;  // the caller keeps its mask on failure

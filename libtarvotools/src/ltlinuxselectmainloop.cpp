@@ -383,7 +383,7 @@ void ltLinuxSelectMainLoop::dispatchReadyDescriptors(int ready, const fd_set& r,
     const int capacity = ioHandles_.capacity;
     for (int i = 0; i < capacity && ready >= 1; ++i) {
         const IOEntry e = *static_cast<const IOEntry*>(ioHandles_.slotFor(i));  // copy: the callback may change the table
-        if (e.fd == -1 || e.fd < 0 || e.type > handleException)
+        if (e.fd < 0 || e.type > handleException)
             continue;
         // The generation is shared by every loop of the process: another loop's rebuild
         // moves it on, but a persistent handle stays watched, so it is dispatched anyway.
